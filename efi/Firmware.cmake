@@ -1,0 +1,48 @@
+# Firmware images: the same sources compiled freestanding and linked as PE32+ images through
+# gnu-efi's crt0, linker script and self-relocator. efi/link-efi.sh refuses any image that
+# needs a static constructor or leaves a symbol undefined (operator new, std::__throw_*, ...).
+set(EFI_COMPILE_OPTIONS
+    -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-stack-protector -mno-red-zone
+    -fpic -fno-gnu-unique -fvisibility=hidden -fno-strict-aliasing -fno-asynchronous-unwind-tables -fno-builtin-memcpy -Wall -Wextra
+    -Wno-unused-parameter -Wno-missing-field-initializers)
+set(EFI_LINK ${CMAKE_SOURCE_DIR}/efi/link-efi.sh)
+
+# The C routines the compiler may call must not be turned back into calls to themselves.
+set_source_files_properties(${CMAKE_SOURCE_DIR}/src/base/firmware/CRuntime.cpp PROPERTIES
+  COMPILE_OPTIONS "-fno-tree-loop-distribute-patterns")
+
+function(bios_efi_image name subsystem)
+  add_library(${name}_objects OBJECT ${ARGN})
+  target_compile_options(${name}_objects PRIVATE ${EFI_COMPILE_OPTIONS})
+  target_compile_definitions(${name}_objects PRIVATE GNU_EFI_USE_MS_ABI)
+  target_include_directories(${name}_objects PRIVATE ${EFI_INCLUDES})
+  add_custom_command(
+    OUTPUT ${CMAKE_BINARY_DIR}/efi/${name}.efi
+    COMMAND ${EFI_LINK} ${CMAKE_BINARY_DIR}/efi/${name}.efi ${subsystem} $<TARGET_OBJECTS:${name}_objects>
+    DEPENDS ${name}_objects $<TARGET_OBJECTS:${name}_objects> ${EFI_LINK}
+    COMMAND_EXPAND_LISTS VERBATIM)
+  add_custom_target(${name} ALL DEPENDS ${CMAKE_BINARY_DIR}/efi/${name}.efi)
+endfunction()
+
+file(GLOB BASE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/base/*.cpp)
+set(CRUNTIME ${CMAKE_SOURCE_DIR}/src/base/firmware/CRuntime.cpp)
+set(DRIVER_MAIN ${CMAKE_SOURCE_DIR}/efi/driver/EfiMain.cpp)
+
+# The production driver: real hardware.
+bios_efi_image(BiosImageInterfaceDxe driver ${DRIVER_SOURCES} ${FIRMWARE_BINDING_SOURCES} ${DRIVER_MAIN})
+# The same driver bound to the emulated platform that EmuPlatformDxe publishes.
+bios_efi_image(BiosImageInterfaceDxeEmu driver ${DRIVER_SOURCES} ${EMU_SOURCES} ${CRUNTIME} ${DRIVER_MAIN})
+# The emulated platform: protocols, flash chip, CMOS, debug service.
+file(GLOB EMU_DRIVER_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/efi/emudriver/*.cpp)
+bios_efi_image(EmuPlatformDxe driver ${EMU_DRIVER_SOURCES} ${EMU_SOURCES} ${BASE_SOURCES} ${CRUNTIME})
+# The update application that drives a run inside OVMF.
+file(GLOB APP_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/efi/app/*.cpp)
+bios_efi_image(BiosUpdateApp app ${APP_SOURCES} ${BASE_SOURCES} ${CRUNTIME})
+
+add_test(NAME firmware_image_format COMMAND ${CMAKE_SOURCE_DIR}/efi/check-image-format.sh
+                                            ${CMAKE_BINARY_DIR}/efi/BiosImageInterfaceDxe.efi)
+add_test(NAME firmware_link_guard COMMAND ${CMAKE_SOURCE_DIR}/efi/check-link-guard.sh ${CMAKE_CXX_COMPILER}
+                                          ${CMAKE_BINARY_DIR}/link-guard)
+add_test(NAME ovmf_end_to_end COMMAND ${CMAKE_SOURCE_DIR}/efi/run-ovmf.sh ${CMAKE_BINARY_DIR}/efi
+                                      ${CMAKE_BINARY_DIR}/ovmf-run --expect)
+set_tests_properties(ovmf_end_to_end PROPERTIES TIMEOUT 300)

@@ -1,0 +1,258 @@
+// Members of the platform's closed protocols, backed by the emulated flash chip and EC
+// store. Each member records its call with its arguments before it acts.
+#include "../src/base/BaseLib.h"
+#include "../src/base/Guids.h"
+#include "EmuPlatform.h"
+
+namespace {
+
+EmuPlatform &P() { return *gEmuPlatform; }
+
+UINT64 Ptr(const VOID *Pointer) { return reinterpret_cast<UINT64>(Pointer); }
+
+// ---- Flash device interface ----------------------------------------------------------------
+EFI_STATUS EFIAPI FlashDeviceWrite(UINTN Address, const VOID *Buffer, UINTN Length) {
+  P().Record("FlashDeviceWrite", Address, Ptr(Buffer), Length);
+  UINT32 Offset;
+  if (!P().FlashOffset(Address, Length, Offset)) {
+    return EFI_INVALID_PARAMETER;
+  }
+  return P().Flash.Program(Offset, Buffer, static_cast<UINT32>(Length));
+}
+
+EFI_STATUS EFIAPI FlashDeviceErase(UINTN Address, UINTN Length) {
+  P().Record("FlashDeviceErase", Address, Length);
+  UINT32 Offset;
+  if (!P().FlashOffset(Address, Length, Offset)) {
+    return EFI_INVALID_PARAMETER;
+  }
+  return P().Flash.EraseSectors(Offset, static_cast<UINT32>(Length));
+}
+
+EFI_STATUS EFIAPI FlashDeviceDelay(UINTN Units) {
+  P().Record("FlashDeviceDelay", Units);
+  P().ElapsedMicroseconds += Units;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FlashDevicePrepareSetupData(VOID *This) {
+  P().Record("FlashDevicePrepareSetupData", Ptr(This));
+  return EFI_SUCCESS;
+}
+
+// ---- Platform flash service --------------------------------------------------------------
+EFI_STATUS EFIAPI ReadFlash(UINT8 Type, VOID *Buffer, UINT32 Address, UINT32 Length) {
+  P().Record("ReadFlash", Type, Ptr(Buffer), Address, Length);
+  UINT32 Offset;
+  if (!P().FlashOffset(Address, Length, Offset)) {
+    return EFI_INVALID_PARAMETER;
+  }
+  return P().Flash.Read(Offset, Buffer, Length);
+}
+
+VOID EFIAPI SetFlashAccessType(UINT8 Type) { P().Record("SetFlashAccessType", Type); }
+
+// Erases every sector the range touches and programs the range; the bytes of those
+// sectors outside the range are put back, as the platform's service does.
+EFI_STATUS EFIAPI WriteFlash(UINT8 Type, UINT32 Address, const VOID *Buffer, UINT32 Length) {
+  P().Record("WriteFlash", Type, Address, Ptr(Buffer), Length);
+  UINT32 Offset;
+  if (!P().FlashOffset(Address, Length, Offset) || (Buffer == nullptr && Length != 0)) {
+    return EFI_INVALID_PARAMETER;
+  }
+  const UINT8 *Source = static_cast<const UINT8 *>(Buffer);
+  EmuFlashChip &Chip = P().Flash;
+  UINT32 End = Offset + Length;
+  for (UINT32 Sector = Offset & ~(EmuFlashChip::kSectorSize - 1); Sector < End; Sector += EmuFlashChip::kSectorSize) {
+    UINT8 Merged[EmuFlashChip::kSectorSize];
+    CopyMem(Merged, Chip.Bytes() + Sector, EmuFlashChip::kSectorSize);
+    UINT32 From = Sector < Offset ? Offset : Sector;
+    UINT32 To = End < Sector + EmuFlashChip::kSectorSize ? End : Sector + EmuFlashChip::kSectorSize;
+    CopyMem(Merged + (From - Sector), Source + (From - Offset), To - From);
+    EFI_STATUS Status = Chip.EraseSectors(Sector, EmuFlashChip::kSectorSize);
+    if (Status == EFI_SUCCESS) {
+      Status = Chip.Program(Sector, Merged, EmuFlashChip::kSectorSize);
+    }
+    if (Status != EFI_SUCCESS) {
+      return Status;
+    }
+  }
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ReadEc(VOID *Buffer, UINT32 Offset, UINT32 Length) {
+  P().Record("ReadEc", Ptr(Buffer), Offset, Length);
+  UINT32 Size = P().Layout.EcSize;
+  if (Offset > Size || Length > Size - Offset || (Buffer == nullptr && Length != 0)) {
+    return EFI_INVALID_PARAMETER;
+  }
+  CopyMem(Buffer, P().EcStore + Offset, Length);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI WriteEc(const VOID *Buffer, UINT32 Length, UINT32 Offset) {
+  P().Record("WriteEc", Ptr(Buffer), Length, Offset);
+  UINT32 Size = P().Layout.EcSize;
+  if (Offset > Size || Length > Size - Offset || (Buffer == nullptr && Length != 0)) {
+    return EFI_INVALID_PARAMETER;
+  }
+  CopyMem(P().EcStore + Offset, Buffer, Length);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI SetUpdateInProgress(UINT8 Value) {
+  P().Record("SetUpdateInProgress", Value);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI GetNormalSkipRegions(PlatformSkipRange **List, UINT8 *Count) {
+  P().Record("GetNormalSkipRegions", Ptr(List), Ptr(Count));
+  *List = nullptr;
+  *Count = 0;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI GetAlwaysSkipRegions(PlatformSkipRange **List, UINT8 *Count) {
+  P().Record("GetAlwaysSkipRegions", Ptr(List), Ptr(Count));
+  *List = nullptr;
+  *Count = 0;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI GetFlashInfo(FlashInfo *Info) {
+  P().Record("GetFlashInfo", Ptr(Info));
+  const EmuLayout &Layout = P().Layout;
+  ZeroMem(Info, sizeof(*Info));
+  Info->BlockSize = 0x10000;
+  Info->BlockCount = static_cast<UINT16>((Layout.EcSize + Layout.LowerFlashSize + Layout.MappedFlashSize) / 0x10000);
+  Info->EcSize = Layout.EcSize;
+  Info->MappedFlashSize = Layout.MappedFlashSize;
+  Info->LowerFlashSize = Layout.LowerFlashSize;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FlashServiceMember454(UINT64 Argument) {
+  P().Record("FlashServiceMember454", Argument);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FlashServiceMember51C(UINT64 Argument) {
+  P().Record("FlashServiceMember51C", Argument);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI SetDebugCodeDisplay(VOID *TextOut, BOOLEAN Start) {
+  P().Record("SetDebugCodeDisplay", Ptr(TextOut), Start);
+  return EFI_SUCCESS;
+}
+
+// ---- Configuration block operations ------------------------------------------------------
+EFI_STATUS EFIAPI ConfigOperation44(UINT64 First, UINT64 Second) {
+  P().Record("ConfigOperation44", First, Second);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ConfigFirstImageCheck(const VOID *Image, UINT64 ImageSize) {
+  P().Record("ConfigFirstImageCheck", Ptr(Image), ImageSize);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ConfigCompletion1() {
+  P().Record("ConfigCompletion1");
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ConfigCompletion2() {
+  P().Record("ConfigCompletion2");
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ConfigVerifyOperation(const VOID *Image, UINT64 ImageSize, UINT64 Argument3, UINT64 Argument4) {
+  P().Record("ConfigVerifyOperation", Ptr(Image), ImageSize, Argument3, Argument4);
+  return EFI_SUCCESS;
+}
+
+// ---- Boot-block handler and update log ---------------------------------------------------
+EFI_STATUS EFIAPI BootBlockMember0() {
+  P().Record("BootBlockMember0");
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI BootBlockHandleMarker() {
+  P().Record("BootBlockHandleMarker");
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI UpdateLogWriteRecord(UpdateLogProtocol *This, UINT32 RecordType, UINT64 Length, const VOID *Data) {
+  P().Record("UpdateLogWriteRecord", Ptr(This), RecordType, Length, Ptr(Data));
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS Install(EFI_BOOT_SERVICES *BootServices, const EFI_GUID &Guid, VOID *Interface) {
+  EFI_HANDLE Handle = nullptr;
+  return BootServices->InstallProtocolInterface(&Handle, const_cast<EFI_GUID *>(&Guid), EFI_NATIVE_INTERFACE,
+                                                Interface);
+}
+
+}  // namespace
+
+void EmuFillProtocols(EmuPlatform &Platform) {
+  PlatformFlashDeviceProtocol &Device = *Platform.FlashDevice;
+  Device.FlashDeviceWrite = FlashDeviceWrite;
+  Device.FlashDeviceErase = FlashDeviceErase;
+  Device.FlashDeviceDelay = FlashDeviceDelay;
+  Device.PrepareSetupData = FlashDevicePrepareSetupData;
+
+  PlatformFlashServiceProtocol &Service = *Platform.FlashService;
+  Service.PlatformData = Platform.PlatformData;
+  Service.ReadFlash = ReadFlash;
+  Service.SetFlashAccessType = SetFlashAccessType;
+  Service.WriteFlash = WriteFlash;
+  Service.ReadEc = ReadEc;
+  Service.WriteEc = WriteEc;
+  Service.SetUpdateInProgress = SetUpdateInProgress;
+  Service.GetNormalSkipRegions = GetNormalSkipRegions;
+  Service.GetAlwaysSkipRegions = GetAlwaysSkipRegions;
+  Service.GetFlashInfo = GetFlashInfo;
+  Service.Member454 = FlashServiceMember454;
+  Service.SetDebugCodeDisplay = SetDebugCodeDisplay;
+  Service.Member51C = FlashServiceMember51C;
+
+  PlatformConfigProtocol &Config = *Platform.Config;
+  Config.Operation44 = ConfigOperation44;
+  Config.FirstImageCheck = ConfigFirstImageCheck;
+  Config.UpdateStatusBlock = Platform.UpdateStatusBlock;
+  Config.CompletionOperation1 = ConfigCompletion1;
+  Config.CompletionOperation2 = ConfigCompletion2;
+  Config.VerifyOperation = ConfigVerifyOperation;
+  // FlashDevice (0xAD) stays empty: the driver fills it at entry.
+
+  Platform.BootBlockHandler->Member0 = BootBlockMember0;
+  Platform.BootBlockHandler->HandleBootBlockMarker = BootBlockHandleMarker;
+  Platform.UpdateLog->WriteRecord = UpdateLogWriteRecord;
+}
+
+EFI_STATUS EmuInstallProtocols(EmuPlatform &Platform, EFI_BOOT_SERVICES *BootServices,
+                               const EmuInstallOptions &Options) {
+  struct Entry {
+    BOOLEAN Wanted;
+    const EFI_GUID *Guid;
+    VOID *Interface;
+  } Entries[] = {
+      {Options.PlatformHandle, &gEmuPlatformProtocolGuid, &Platform},
+      {Options.PlatformConfig, &gPlatformConfigProtocolGuid, Platform.Config},
+      {Options.FlashService, &gPlatformFlashServiceProtocolGuid, Platform.FlashService},
+      {Options.FlashDevice, &gPlatformFlashDeviceProtocolGuid, Platform.FlashDevice},
+      {Options.BootBlockHandler, &gBootBlockHandlerProtocolGuid, Platform.BootBlockHandler},
+      {Options.UpdateLog, &gUpdateLogProtocolGuid, Platform.UpdateLog},
+  };
+  for (const Entry &Item : Entries) {
+    if (Item.Wanted) {
+      EFI_STATUS Status = Install(BootServices, *Item.Guid, Item.Interface);
+      if (Status != EFI_SUCCESS) {
+        return Status;
+      }
+    }
+  }
+  return EFI_SUCCESS;
+}

@@ -1,0 +1,206 @@
+// Byte layouts of the platform's closed protocols, as far as the driver reads them.
+// Each block is packed with no padding; members sit at the byte offsets asserted below,
+// and the gaps are opaque bytes owned by the producer.
+#pragma once
+#include "Uefi.h"
+
+#pragma pack(push, 1)
+
+// ---- Flash device interface (gPlatformFlashDeviceProtocolGuid): 8-byte slots -------------
+typedef EFI_STATUS(EFIAPI *PLATFORM_FLASH_DEVICE_WRITE)(UINTN Address, const VOID *Buffer, UINTN Length);
+typedef EFI_STATUS(EFIAPI *PLATFORM_FLASH_DEVICE_ERASE)(UINTN Address, UINTN Length);
+typedef EFI_STATUS(EFIAPI *PLATFORM_FLASH_DEVICE_DELAY)(UINTN Units);
+typedef EFI_STATUS(EFIAPI *PLATFORM_FLASH_DEVICE_MEMBER)(VOID *This);
+
+struct PlatformFlashDeviceProtocol {
+  VOID *Slot[20];
+  PLATFORM_FLASH_DEVICE_WRITE FlashDeviceWrite;  // member 20
+  VOID *Slot21;
+  PLATFORM_FLASH_DEVICE_ERASE FlashDeviceErase;  // member 22
+  VOID *Slot23;
+  PLATFORM_FLASH_DEVICE_MEMBER PrepareSetupData;  // member 24
+  VOID *Slot25[4];
+  PLATFORM_FLASH_DEVICE_DELAY FlashDeviceDelay;  // member 29
+  VOID *Slot30[10];
+};
+static_assert(offsetof(PlatformFlashDeviceProtocol, FlashDeviceWrite) == 20 * 8);
+static_assert(offsetof(PlatformFlashDeviceProtocol, FlashDeviceErase) == 22 * 8);
+static_assert(offsetof(PlatformFlashDeviceProtocol, PrepareSetupData) == 24 * 8);
+static_assert(offsetof(PlatformFlashDeviceProtocol, FlashDeviceDelay) == 29 * 8);
+
+// The SMM flash interface (gSettingsSmmFlashGuid) counts its members the same way.
+struct SettingsSmmFlashProtocol {
+  VOID *Slot[18];
+  PLATFORM_FLASH_DEVICE_WRITE Write;  // member 18
+  PLATFORM_FLASH_DEVICE_ERASE Erase;  // member 19
+  PLATFORM_FLASH_DEVICE_DELAY Delay;  // member 20
+  VOID *Slot21[11];
+};
+static_assert(offsetof(SettingsSmmFlashProtocol, Write) == 18 * 8);
+static_assert(offsetof(SettingsSmmFlashProtocol, Erase) == 19 * 8);
+static_assert(offsetof(SettingsSmmFlashProtocol, Delay) == 20 * 8);
+
+// ---- Platform configuration block (gPlatformConfigProtocolGuid) ---------------------------
+typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_OP2)(UINT64 First, UINT64 Second);
+typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_IMAGE_CHECK)(const VOID *Image, UINT64 ImageSize);
+typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_VERIFY)(const VOID *Image, UINT64 ImageSize, UINT64 Argument3,
+                                                   UINT64 Argument4);
+typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_COMPLETION)(VOID);
+
+struct PlatformConfigProtocol {
+  UINT8 Opaque000[0x44];
+  PLATFORM_CONFIG_OP2 Operation44;  // 0x44
+  UINT8 Opaque04C[0x75 - 0x4C];
+  UINT32 BootBlockFvAddress;  // 0x75
+  UINT8 Opaque079[0x7D - 0x79];
+  UINT32 BiosIdAreaAddress;  // 0x7D
+  UINT32 BiosIdAreaSize;     // 0x81
+  UINT8 Opaque085[0x9D - 0x85];
+  UINT64 ReplacementResetEntry;  // 0x9D
+  UINT8 Opaque0A5[0xAD - 0xA5];
+  PlatformFlashDeviceProtocol *FlashDevice;  // 0xAD
+  UINT32 StateWord;                          // 0xB5
+  UINT32 StateWord2;                         // 0xB9
+  UINT8 Opaque0BD[0xCD - 0xBD];
+  PLATFORM_CONFIG_IMAGE_CHECK FirstImageCheck;  // 0xCD
+  UINT8 Opaque0D5[0xED - 0xD5];
+  UINT8 *UpdateStatusBlock;  // 0xED
+  UINT8 Opaque0F5[0x135 - 0xF5];
+  UINT8 Flags;  // 0x135; bit 6 selects each Part's alternative handling
+  UINT8 Opaque136[0x211 - 0x136];
+  PLATFORM_CONFIG_COMPLETION CompletionOperation1;  // 0x211
+  PLATFORM_CONFIG_COMPLETION CompletionOperation2;  // 0x219
+  UINT8 Opaque221[0x27E - 0x221];
+  PLATFORM_CONFIG_VERIFY VerifyOperation;  // 0x27E
+  UINT8 Opaque286[0x10];
+};
+static_assert(offsetof(PlatformConfigProtocol, Operation44) == 0x44);
+static_assert(offsetof(PlatformConfigProtocol, BootBlockFvAddress) == 0x75);
+static_assert(offsetof(PlatformConfigProtocol, BiosIdAreaAddress) == 0x7D);
+static_assert(offsetof(PlatformConfigProtocol, BiosIdAreaSize) == 0x81);
+static_assert(offsetof(PlatformConfigProtocol, ReplacementResetEntry) == 0x9D);
+static_assert(offsetof(PlatformConfigProtocol, FlashDevice) == 0xAD);
+static_assert(offsetof(PlatformConfigProtocol, StateWord) == 0xB5);
+static_assert(offsetof(PlatformConfigProtocol, StateWord2) == 0xB9);
+static_assert(offsetof(PlatformConfigProtocol, FirstImageCheck) == 0xCD);
+static_assert(offsetof(PlatformConfigProtocol, UpdateStatusBlock) == 0xED);
+static_assert(offsetof(PlatformConfigProtocol, Flags) == 0x135);
+static_assert(offsetof(PlatformConfigProtocol, CompletionOperation1) == 0x211);
+static_assert(offsetof(PlatformConfigProtocol, CompletionOperation2) == 0x219);
+static_assert(offsetof(PlatformConfigProtocol, VerifyOperation) == 0x27E);
+
+constexpr UINT8 kPlatformConfigAlternativeFlag = 0x40;
+
+// ---- Platform data block behind PlatformFlashServiceProtocol offset 0x08 -----------------
+struct PlatformDataBlock {
+  UINT8 Opaque000[0x174];
+  UINT8 CmosIndexPort;  // 0x174: first argument of every CMOS access
+  UINT8 CmosDataPort;   // 0x175: second argument
+  UINT8 Opaque176[0x600 - 0x176];
+};
+static_assert(offsetof(PlatformDataBlock, CmosIndexPort) == 0x174);
+static_assert(offsetof(PlatformDataBlock, CmosDataPort) == 0x175);
+
+// ---- Platform flash service (gPlatformFlashServiceProtocolGuid) --------------------------
+#pragma pack(push, 1)
+struct FlashInfo {
+  UINT32 BlockSize;        // 0
+  UINT16 BlockCount;       // 4
+  UINT8 DeviceAttribute;   // 6
+  UINT8 Opaque7[4];        // 7
+  UINT32 EcSize;           // 11
+  UINT8 Opaque15[4];       // 15
+  UINT32 MappedFlashSize;  // 19
+  UINT8 Opaque23[4];       // 23
+  UINT32 LowerFlashSize;   // 27
+  UINT8 Opaque31[1];       // 31: the provided area is 32 bytes
+};
+#pragma pack(pop)
+static_assert(sizeof(FlashInfo) == 32);
+static_assert(offsetof(FlashInfo, BlockCount) == 4);
+static_assert(offsetof(FlashInfo, DeviceAttribute) == 6);
+static_assert(offsetof(FlashInfo, EcSize) == 11);
+static_assert(offsetof(FlashInfo, MappedFlashSize) == 19);
+static_assert(offsetof(FlashInfo, LowerFlashSize) == 27);
+
+// A protected range as the platform lists give it: start image offset and length in bytes.
+struct PlatformSkipRange {
+  UINT32 Start;
+  UINT32 Length;
+};
+static_assert(sizeof(PlatformSkipRange) == 8);
+
+typedef EFI_STATUS(EFIAPI *PLATFORM_READ_FLASH)(UINT8 Type, VOID *Buffer, UINT32 Address, UINT32 Length);
+typedef VOID(EFIAPI *PLATFORM_SET_FLASH_ACCESS_TYPE)(UINT8 Type);
+typedef EFI_STATUS(EFIAPI *PLATFORM_WRITE_FLASH)(UINT8 Type, UINT32 Address, const VOID *Buffer, UINT32 Length);
+typedef EFI_STATUS(EFIAPI *PLATFORM_READ_EC)(VOID *Buffer, UINT32 Offset, UINT32 Length);
+typedef EFI_STATUS(EFIAPI *PLATFORM_WRITE_EC)(const VOID *Buffer, UINT32 Length, UINT32 Offset);
+typedef EFI_STATUS(EFIAPI *PLATFORM_SET_BYTE)(UINT8 Value);
+typedef EFI_STATUS(EFIAPI *PLATFORM_GET_SKIP_REGIONS)(PlatformSkipRange **List, UINT8 *Count);
+typedef EFI_STATUS(EFIAPI *PLATFORM_GET_FLASH_INFO)(FlashInfo *Info);
+typedef EFI_STATUS(EFIAPI *PLATFORM_SET_DEBUG_CODE_DISPLAY)(VOID *TextOut, BOOLEAN Start);
+typedef EFI_STATUS(EFIAPI *PLATFORM_GENERIC_MEMBER)(UINT64 Argument);
+
+struct PlatformFlashServiceProtocol {
+  UINT8 Opaque000[0x08];
+  PlatformDataBlock *PlatformData;  // 0x08
+  UINT8 Opaque010[0x23 - 0x10];
+  UINT8 SettingsFlags;  // 0x23: bit 0 SettingsBackupSupported
+  UINT8 Opaque024[0x31 - 0x24];
+  UINT8 FlashCapabilities;  // 0x31
+  UINT8 Opaque032[0x36 - 0x32];
+  UINT8 VerifyFlags;  // 0x36: bit 1 enables the authenticated-variable hash erase
+  UINT8 Opaque037[0x2EC - 0x37];
+  PLATFORM_READ_FLASH ReadFlash;                     // 0x2EC
+  PLATFORM_SET_FLASH_ACCESS_TYPE SetFlashAccessType;  // 0x2F4
+  PLATFORM_WRITE_FLASH WriteFlash;                   // 0x2FC
+  PLATFORM_READ_EC ReadEc;                           // 0x304
+  UINT8 Opaque30C[0x314 - 0x30C];
+  PLATFORM_WRITE_EC WriteEc;  // 0x314
+  UINT8 Opaque31C[0x34C - 0x31C];
+  PLATFORM_SET_BYTE SetUpdateInProgress;  // 0x34C
+  UINT8 Opaque354[0x37C - 0x354];
+  PLATFORM_GET_SKIP_REGIONS GetNormalSkipRegions;  // 0x37C
+  PLATFORM_GET_SKIP_REGIONS GetAlwaysSkipRegions;  // 0x384
+  PLATFORM_GET_FLASH_INFO GetFlashInfo;            // 0x38C
+  UINT8 Opaque394[0x454 - 0x394];
+  PLATFORM_GENERIC_MEMBER Member454;  // 0x454
+  UINT8 Opaque45C[0x50C - 0x45C];
+  PLATFORM_SET_DEBUG_CODE_DISPLAY SetDebugCodeDisplay;  // 0x50C
+  UINT8 Opaque514[0x51C - 0x514];
+  PLATFORM_GENERIC_MEMBER Member51C;  // 0x51C
+  UINT8 Opaque524[0x20];
+};
+static_assert(offsetof(PlatformFlashServiceProtocol, PlatformData) == 0x08);
+static_assert(offsetof(PlatformFlashServiceProtocol, SettingsFlags) == 0x23);
+static_assert(offsetof(PlatformFlashServiceProtocol, FlashCapabilities) == 0x31);
+static_assert(offsetof(PlatformFlashServiceProtocol, VerifyFlags) == 0x36);
+static_assert(offsetof(PlatformFlashServiceProtocol, ReadFlash) == 0x2EC);
+static_assert(offsetof(PlatformFlashServiceProtocol, SetFlashAccessType) == 0x2F4);
+static_assert(offsetof(PlatformFlashServiceProtocol, WriteFlash) == 0x2FC);
+static_assert(offsetof(PlatformFlashServiceProtocol, ReadEc) == 0x304);
+static_assert(offsetof(PlatformFlashServiceProtocol, WriteEc) == 0x314);
+static_assert(offsetof(PlatformFlashServiceProtocol, SetUpdateInProgress) == 0x34C);
+static_assert(offsetof(PlatformFlashServiceProtocol, GetNormalSkipRegions) == 0x37C);
+static_assert(offsetof(PlatformFlashServiceProtocol, GetAlwaysSkipRegions) == 0x384);
+static_assert(offsetof(PlatformFlashServiceProtocol, GetFlashInfo) == 0x38C);
+static_assert(offsetof(PlatformFlashServiceProtocol, Member454) == 0x454);
+static_assert(offsetof(PlatformFlashServiceProtocol, SetDebugCodeDisplay) == 0x50C);
+static_assert(offsetof(PlatformFlashServiceProtocol, Member51C) == 0x51C);
+
+// ---- Boot-block handler (gBootBlockHandlerProtocolGuid) ----------------------------------
+typedef EFI_STATUS(EFIAPI *BOOT_BLOCK_HANDLER_MEMBER)(VOID);
+struct BootBlockHandlerProtocol {
+  BOOT_BLOCK_HANDLER_MEMBER Member0;
+  BOOT_BLOCK_HANDLER_MEMBER HandleBootBlockMarker;  // member 1
+};
+
+// ---- Update log (gUpdateLogProtocolGuid) -------------------------------------------------
+struct UpdateLogProtocol;
+typedef EFI_STATUS(EFIAPI *UPDATE_LOG_WRITE_RECORD)(UpdateLogProtocol *This, UINT32 RecordType, UINT64 Length,
+                                                    const VOID *Data);
+struct UpdateLogProtocol {
+  UPDATE_LOG_WRITE_RECORD WriteRecord;
+};
+
+#pragma pack(pop)

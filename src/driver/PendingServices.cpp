@@ -1,0 +1,43 @@
+// Service slots whose subsystems are still being built: each prints its entry line and
+// reports EFI_UNSUPPORTED. A subsystem that implements its service removes it from here.
+#include "BiosImageInterface.h"
+#include "Trace.h"
+
+EFI_STATUS EFIAPI BiosQueryImage(BiosImageInterfaceProtocol *This, VOID *QueryRecord) {
+  (void)This;
+  (void)QueryRecord;
+  TRACE("  BiosImageInterfaceProtocol->BiosQueryImage Entry");
+  return EFI_UNSUPPORTED;
+}
+
+EFI_STATUS EFIAPI BiosReadImage(BiosImageInterfaceProtocol *This, UINT64 Unused, VOID **Buffer) {
+  (void)This;
+  (void)Unused;
+  (void)Buffer;
+  TRACE("  BiosImageInterfaceProtocol->BiosReadImage Entry");
+  return EFI_UNSUPPORTED;
+}
+
+EFI_STATUS EFIAPI BiosWriteImage(BiosImageInterfaceProtocol *This, VOID *WriteRequest, VOID *RegionParameters) {
+  (void)This;
+  (void)WriteRequest;
+  (void)RegionParameters;
+  return EFI_UNSUPPORTED;
+}
+
+EFI_STATUS EFIAPI BiosVerifySignature(BiosImageInterfaceProtocol *This, VOID *Image, UINTN ImageSize,
+                                      UINT64 Argument3, UINT64 Argument4) {
+  (void)This;
+  (void)Image;
+  (void)ImageSize;
+  (void)Argument3;
+  (void)Argument4;
+  TRACE("  BiosImageInterfaceProtocol->BiosVerifySignature Entry");
+  return EFI_UNSUPPORTED;
+}
+
+EFI_STATUS EFIAPI SetFlashCompletionStatus(BiosImageInterfaceProtocol *This, UINT8 Status) {
+  (void)This;
+  TRACE("  BiosImageInterfaceProtocol->SetFlashCompletionStatus Entry [%x]", Status);
+  return EFI_UNSUPPORTED;
+}

@@ -1,0 +1,58 @@
+// CMOS RAM in its two banks, the per-bank checksums, and the CmosToRom mirror:
+// a 512-byte image of both banks in memory plus a journal in flash that every
+// mirrored write is appended to.
+#pragma once
+#include "../base/Uefi.h"
+
+constexpr UINT16 kCmosIndexPort = 0x70;
+constexpr UINT16 kCmosDataPort = 0x71;
+constexpr UINT16 kExtendedCmosIndexPort = 0x72;
+constexpr UINT16 kExtendedCmosDataPort = 0x73;
+constexpr UINT8 kCmosNmiMask = 0x80;
+
+constexpr UINT16 kCmosChecksumBase = 0x109;  // 265: the checksum of a bank whose listed bytes are 0
+constexpr UINT8 kBank0ChecksumLow = 0x4E;
+constexpr UINT8 kBank0ChecksumHigh = 0x4F;
+constexpr UINT8 kBank1ChecksumLow = 0xC2;
+constexpr UINT8 kBank1ChecksumHigh = 0xC3;
+constexpr UINTN kCmosImageSize = 512;
+constexpr UINTN kBank0ChecksumOffset = 78;   // in the image
+constexpr UINTN kBank1ChecksumOffset = 450;  // 256 + 0xC2
+
+#pragma pack(push, 1)
+// One checksummed range: start index and count, 9 bytes; {0xFF, 0xFF} ends a list.
+struct CmosChecksumRange {
+  UINT8 Start;
+  UINT64 Count;
+};
+#pragma pack(pop)
+static_assert(sizeof(CmosChecksumRange) == 9);
+static_assert(offsetof(CmosChecksumRange, Count) == 1);
+
+UINT8 ReadCmos(UINT8 Index);
+VOID WriteCmos(UINT8 Index, UINT8 Value);
+UINT8 ReadExtendedCmos(UINT8 Index);
+UINT8 ReadCmosPort(UINT8 IndexPort, UINT8 DataPort, UINT8 Index);
+VOID WriteCmosPort(UINT8 IndexPort, UINT8 DataPort, UINT8 Index, UINT8 Value);
+VOID WriteExtendedCmosChecksum(UINT16 Checksum);
+BOOLEAN IsExtendedCmosWorking();
+
+UINT16 CmosImageChecksum(const UINT8 *Image, UINTN Bank);
+UINT16 CmosLiveChecksum(UINTN Bank);
+BOOLEAN IsCmosImageChecksumValid(const UINT8 *Image, UINTN Bank);
+BOOLEAN IsCmosImageBankSumValid(const UINT8 *Image, UINTN Bank);
+BOOLEAN IsCmosLiveChecksumValid(UINTN Bank);
+BOOLEAN IsChecksummedCmosIndex(UINTN Bank, UINT8 Index);
+// The bank's checksummed ranges, ending with the {0xFF, 0xFF} range.
+const CmosChecksumRange *CmosChecksumList(UINTN Bank);
+UINTN CmosChecksumListLimit(UINTN Bank);
+
+UINT8 ReadCmosToRom(UINT8 Index);
+VOID WriteCmosToRom(UINT8 Index, UINT8 Value);
+VOID AppendCmosJournal(UINT8 Index, UINT8 Value, const UINT16 *Checksum);
+VOID MoveCmosJournalBack();
+
+// The journal's flash service (SMM or not), located once and kept; TRUE when one is there.
+BOOLEAN LocateCmosJournalFlashService();
+
+HOST_ONLY(void ResetCmosStateForTest();)

@@ -1,0 +1,85 @@
+// The services whose behaviour is complete at start-up: version, token and reserved slots,
+// reached through both installed tables.
+#include "../../src/base/Guids.h"
+#include "../../src/driver/Config.h"
+#include "../../src/driver/DriverState.h"
+#include "../support/PlatformFixture.h"
+
+namespace {
+
+class FixedServices : public PlatformFixture {
+protected:
+  void SetUp() override { ASSERT_EQ(StartDriver(), EFI_SUCCESS); }
+
+  BiosImageInterfaceProtocol *Table(const EFI_GUID &Guid) {
+    VOID *Interface = nullptr;
+    EXPECT_EQ(Sim.BootServices()->LocateProtocol(const_cast<EFI_GUID *>(&Guid), nullptr, &Interface), EFI_SUCCESS);
+    return static_cast<BiosImageInterfaceProtocol *>(Interface);
+  }
+};
+
+TEST_F(FixedServices, VersionIsTwoPointZeroAndLoggedAsRecord27) {
+  for (const EFI_GUID *Guid : {&gBiosImageInterfaceProtocolGuid, &gBiosImageInterfaceProtocol2Guid}) {
+    BiosImageInterfaceProtocol *Services = Table(*Guid);
+    UINT8 Major = 0xAA, Minor = 0xAA;
+    Platform->ClearCalls();
+    EXPECT_EQ(Services->BiosGetDriverVersion(Services, &Major, &Minor), EFI_SUCCESS);
+    EXPECT_EQ(Major, 2);
+    EXPECT_EQ(Minor, 0);
+    ASSERT_EQ(Platform->CallCount, 1u);
+    EXPECT_STREQ(Platform->Calls[0].Name, "UpdateLogWriteRecord");
+    EXPECT_EQ(Platform->Calls[0].Arguments[0], reinterpret_cast<UINT64>(Platform->UpdateLog));
+    EXPECT_EQ(Platform->Calls[0].Arguments[1], 27u);
+    EXPECT_EQ(Platform->Calls[0].Arguments[2], 0u);
+    EXPECT_EQ(Platform->Calls[0].Arguments[3], 0u);
+  }
+}
+
+TEST_F(FixedServices, VersionAnswersWithoutTheUpdateLog) {
+  for (EFI_HANDLE Handle : Sim.HandlesWith(gUpdateLogProtocolGuid)) {
+    Sim.BootServices()->UninstallProtocolInterface(Handle, const_cast<EFI_GUID *>(&gUpdateLogProtocolGuid),
+                                                   Platform->UpdateLog);
+  }
+  BiosImageInterfaceProtocol *Services = Table(gBiosImageInterfaceProtocolGuid);
+  UINT8 Major = 0, Minor = 9;
+  EXPECT_EQ(Services->BiosGetDriverVersion(Services, &Major, &Minor), EFI_SUCCESS);
+  EXPECT_EQ(Major, 2);
+  EXPECT_EQ(Minor, 0);
+  EXPECT_EQ(Platform->CountCalls("UpdateLogWriteRecord"), 0u);
+}
+
+TEST_F(FixedServices, TokenIsAlwaysZeroAndReservedSlotsTouchNothing) {
+  BiosImageInterfaceProtocol *Services = Table(gBiosImageInterfaceProtocol2Guid);
+  UINT64 Token = ~0ull;
+  EXPECT_EQ(Services->BiosGetUpdateToken(Services, &Token), EFI_SUCCESS);
+  EXPECT_EQ(Token, 0u);
+
+  Platform->ClearCalls();
+  Platform->ClearPortLog();
+  EXPECT_EQ(Services->Reserved7(Services), EFI_NOT_READY);
+  EXPECT_EQ(Services->Reserved8(Services), EFI_NOT_READY);
+  EXPECT_EQ(Services->Reserved9(Services), EFI_UNSUPPORTED);
+  EXPECT_EQ(Services->Reserved10(Services), EFI_UNSUPPORTED);
+  EXPECT_EQ(Services->Reserved7, Services->Reserved8) << "slots 7 and 8 share one function";
+  EXPECT_EQ(Services->Reserved9, Services->Reserved10) << "slots 9 and 10 share one function";
+  EXPECT_EQ(Platform->CallCount, 0u);
+  EXPECT_EQ(Platform->PortLogCount, 0u);
+}
+
+TEST_F(FixedServices, EntryLinesAreTracedOnlyWithTheDebugSwitch) {
+  BiosImageInterfaceProtocol *Services = Table(gBiosImageInterfaceProtocolGuid);
+  UINT8 Major, Minor;
+  UINT64 Token;
+  Platform->ClearTraces();
+  Services->BiosGetDriverVersion(Services, &Major, &Minor);
+  Services->BiosGetUpdateToken(Services, &Token);
+  EXPECT_TRUE(Traces().empty());
+
+  EnableTraces(true);
+  Services->BiosGetDriverVersion(Services, &Major, &Minor);
+  Services->BiosGetUpdateToken(Services, &Token);
+  EXPECT_EQ(Traces(), (std::vector<std::string>{"  BiosImageInterfaceProtocol->BiosGetDriverVersion Entry",
+                                                "  BiosImageInterfaceProtocol->BiosGetUpdateToken Entry"}));
+}
+
+}  // namespace

@@ -1,0 +1,268 @@
+// CMOS banks, their checksums and the CmosToRom mirror with its flash journal.
+#include <cstring>
+
+#include "../../emu/host/EmuHostMemory.h"
+#include "../../src/base/Char16.h"
+#include "../../src/base/Guids.h"
+#include "../../src/driver/Config.h"
+#include "../../src/base/SmmServices.h"
+#include "../../src/platform/Cmos.h"
+#include "../support/PlatformFixture.h"
+
+namespace {
+
+constexpr UINT32 kJournal = 0xFF0E6000;
+constexpr UINT32 kHalf = 0x1000;
+constexpr UINT32 kQuarter = 0x800;
+
+class CmosAccess : public PlatformFixture {
+protected:
+  void SetUp() override {
+    PrepareBoot();
+    ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+    Platform->ClearPortLog();
+    Platform->ClearCalls();
+    Platform->InterruptDisableCount = 0;
+  }
+
+  std::vector<EmuPortAccess> Writes() const {
+    std::vector<EmuPortAccess> Result;
+    for (UINTN Index = 0; Index < Platform->PortLogCount; Index++) {
+      if (Platform->PortLog[Index].Write) {
+        Result.push_back(Platform->PortLog[Index]);
+      }
+    }
+    return Result;
+  }
+
+  UINT8 *FlashAt(UINT32 Address) { return Platform->Flash.Bytes() + (Address - Platform->FlashBaseAddress); }
+
+  // A mirror image in memory below 4 GiB, named by the Q42CmosToRom variable.
+  UINT8 *PublishImage(bool ValidBank1 = true) {
+    auto *Image = static_cast<UINT8 *>(EmuHostAllocateBelow4G(kCmosImageSize));
+    std::memset(Image, 0, kCmosImageSize);
+    Image[256 + 0xFA] = 7;
+    Image[256 + 0xEE] = 0x30;
+    UINT16 Checksum = CmosImageChecksum(Image, 1);
+    Image[kBank1ChecksumOffset] = static_cast<UINT8>(ValidBank1 ? Checksum : Checksum + 1);
+    Image[kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
+    UINT32 Address = static_cast<UINT32>(reinterpret_cast<UINTN>(Image));
+    Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
+    return Image;
+  }
+};
+
+TEST_F(CmosAccess, StandardBankKeepsTheNmiMaskAsFound) {
+  Platform->CmosIndexRegister = 0x80;
+  Platform->Cmos[0x0E] = 0x5A;
+  EXPECT_EQ(ReadCmos(0x0E), 0x5A);
+  ASSERT_EQ(Writes().size(), 1u);
+  EXPECT_EQ(Writes()[0].Port, 0x70);
+  EXPECT_EQ(Writes()[0].Value, 0x8Eu);
+
+  Platform->ClearPortLog();
+  Platform->CmosIndexRegister = 0x00;
+  WriteCmos(0x0F, 0x11);
+  ASSERT_EQ(Writes().size(), 2u);
+  EXPECT_EQ(Writes()[0].Value, 0x0Fu) << "NMI mask stays clear";
+  EXPECT_EQ(Platform->Cmos[0x0F], 0x11);
+}
+
+TEST_F(CmosAccess, PortAccessesMaskInterruptsAndRestoreTheFlagAsFound) {
+  Platform->Flags = 0x202;
+  ReadExtendedCmos(0x10);
+  EXPECT_EQ(Platform->InterruptDisableCount, 1u);
+  EXPECT_EQ(Platform->Flags & 0x200, 0x200u);
+
+  Platform->Flags = 0x002;
+  WriteCmosPort(0x72, 0x73, 0x10, 1);
+  EXPECT_EQ(Platform->InterruptDisableCount, 2u);
+  EXPECT_EQ(Platform->Flags & 0x200, 0u) << "interrupts stay off when they were off";
+}
+
+TEST_F(CmosAccess, InSmmNothingIsToggled) {
+  ResetSmmStateForTest();
+  Sim.InstallSmmBase2(TRUE);
+  Platform->Flags = 0x202;
+  ReadExtendedCmos(0x10);
+  EXPECT_EQ(Platform->InterruptDisableCount, 0u);
+}
+
+TEST_F(CmosAccess, ExtendedBankProbeLeavesItsTestValues) {
+  EXPECT_TRUE(IsExtendedCmosWorking());
+  EXPECT_EQ(Platform->ExtendedCmos[0xC0], 0x88);
+  EXPECT_EQ(Platform->ExtendedCmos[0xC1], 0x77);
+  Platform->ExtendedCmosWorking = FALSE;
+  EXPECT_FALSE(IsExtendedCmosWorking());
+}
+
+TEST_F(CmosAccess, ChecksumsCoverOnlyTheListedIndices) {
+  UINT8 Image[kCmosImageSize] = {};
+  EXPECT_EQ(CmosImageChecksum(Image, 0), 265);
+  EXPECT_EQ(CmosImageChecksum(Image, 1), 265);
+  EXPECT_FALSE(IsCmosImageChecksumValid(Image, 1)) << "all-zero image with stored 0";
+  Image[450] = 0x09;
+  Image[451] = 0x01;
+  EXPECT_TRUE(IsCmosImageChecksumValid(Image, 1));
+  EXPECT_TRUE(IsCmosImageBankSumValid(Image, 1));
+
+  Image[256 + 0x10] = 5;  // not listed: checksum unchanged, bank sum off
+  EXPECT_TRUE(IsCmosImageChecksumValid(Image, 1));
+  EXPECT_FALSE(IsCmosImageBankSumValid(Image, 1));
+
+  Image[0x76] = 1;
+  Image[0x77] = 2;
+  Image[0x7D] = 3;
+  EXPECT_EQ(CmosImageChecksum(Image, 0), 271);
+  EXPECT_FALSE(IsCmosImageChecksumValid(nullptr, 0));
+  EXPECT_FALSE(IsCmosImageBankSumValid(nullptr, 1));
+
+  EXPECT_TRUE(IsChecksummedCmosIndex(1, 0xF8));
+  EXPECT_FALSE(IsChecksummedCmosIndex(1, 0xF6));
+  EXPECT_TRUE(IsChecksummedCmosIndex(0, 0x7D));
+}
+
+TEST_F(CmosAccess, LiveChecksumReadsTheBanks) {
+  Platform->ExtendedCmos[0xF8] = 0x10;
+  Platform->ExtendedCmos[0xC2] = 0x19;
+  Platform->ExtendedCmos[0xC3] = 0x01;
+  EXPECT_EQ(CmosLiveChecksum(1), 0x119);
+  EXPECT_TRUE(IsCmosLiveChecksumValid(1));
+  Platform->Cmos[0x4E] = 0x09;
+  Platform->Cmos[0x4F] = 0x01;
+  EXPECT_TRUE(IsCmosLiveChecksumValid(0));
+  EXPECT_EQ(CmosLiveChecksum(2), 0);
+  EXPECT_FALSE(IsCmosLiveChecksumValid(2));
+}
+
+TEST_F(CmosAccess, MirroredWriteUpdatesImageCmosAndJournal) {
+  UINT8 *Image = PublishImage();
+  UINT16 Before = CmosImageChecksum(Image, 1);
+  EXPECT_EQ(ReadCmosToRom(0xFA), 7);
+
+  WriteCmosToRom(0xFA, 9);
+
+  UINT16 After = static_cast<UINT16>(Image[450] | (Image[451] << 8));
+  EXPECT_EQ(After, Before + 2);
+  EXPECT_EQ(Image[256 + 0xFA], 9);
+  EXPECT_EQ(Platform->ExtendedCmos[0xFA], 9);
+  EXPECT_EQ(Platform->ExtendedCmos[0xC2], static_cast<UINT8>(After));
+  EXPECT_EQ(Platform->ExtendedCmos[0xC3], static_cast<UINT8>(After >> 8));
+  std::vector<std::pair<UINT16, UINT32>> Expected = {{0x72, 0xFA}, {0x73, 9},    {0x72, 0xC2},
+                                                      {0x73, After & 0xFFu}, {0x72, 0xC3}, {0x73, After >> 8u}};
+  auto PortWrites = Writes();
+  ASSERT_EQ(PortWrites.size(), Expected.size());
+  for (size_t Index = 0; Index < Expected.size(); Index++) {
+    EXPECT_EQ(PortWrites[Index].Port, Expected[Index].first);
+    EXPECT_EQ(PortWrites[Index].Value, Expected[Index].second);
+  }
+
+  const UINT8 Record[] = {0xFA, 9, 0xC2, static_cast<UINT8>(After), 0xC3, static_cast<UINT8>(After >> 8)};
+  EXPECT_EQ(std::memcmp(FlashAt(kJournal + kQuarter), Record, sizeof(Record)), 0);
+  EXPECT_EQ(Platform->CountCalls("FlashDeviceWrite"), 1u);
+  EXPECT_EQ(ReadCmosToRom(0xFA), 9);
+}
+
+TEST_F(CmosAccess, WritingTheValueAlreadyMirroredTouchesNothing) {
+  PublishImage();
+  WriteCmosToRom(0xEE, 0x30);
+  EXPECT_TRUE(Writes().empty());
+  EXPECT_EQ(Platform->CallCount, 0u);
+}
+
+TEST_F(CmosAccess, ImageWithBadChecksumOrNoImageStopsEverything) {
+  UINT8 *Image = PublishImage(false);
+  EXPECT_EQ(ReadCmosToRom(0xFA), 0);
+  WriteCmosToRom(0xFA, 9);
+  EXPECT_EQ(Image[256 + 0xFA], 7);
+
+  UINT32 None = 0;
+  Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &None, 4);
+  WriteCmosToRom(0xFA, 9);
+  EXPECT_TRUE(Writes().empty());
+  EXPECT_EQ(Platform->CallCount, 0u);
+}
+
+class CmosMirrorFromHob : public CmosAccess {
+protected:
+  void SetUp() override {
+    UINT8 Image[kCmosImageSize] = {};
+    Image[256 + 0xF9] = 4;
+    UINT16 Checksum = CmosImageChecksum(Image, 1);
+    Image[450] = static_cast<UINT8>(Checksum);
+    Image[451] = static_cast<UINT8>(Checksum >> 8);
+    ImageOffset = Hobs.AddGuidHob(gCmosToRomImageHobGuid, Image, sizeof(Image));
+    CmosAccess::SetUp();
+  }
+  size_t ImageOffset = 0;
+};
+
+TEST_F(CmosMirrorFromHob, UnreadableVariableFallsBackToTheHobImage) {
+  UINT8 *HobImage = Hobs.Data() + ImageOffset;
+  EXPECT_EQ(ReadCmosToRom(0xF9), 4);
+  WriteCmosToRom(0xF9, 1);
+  EXPECT_EQ(HobImage[256 + 0xF9], 1);
+  EXPECT_TRUE(IsCmosImageChecksumValid(HobImage, 1));
+  EXPECT_EQ(Platform->ExtendedCmos[0xF9], 1);
+  EXPECT_EQ(Platform->CountCalls("FlashDeviceWrite"), 1u);
+}
+
+TEST_F(CmosMirrorFromHob, ReadableVariableWinsOverTheHob) {
+  UINT32 None = 0;
+  Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &None, 4);
+  EXPECT_EQ(ReadCmosToRom(0xF9), 0) << "the variable names no image, so the HOB is not consulted";
+}
+
+TEST_F(CmosAccess, FullJournalAreaDropsTheRecordButStillUpdatesCmos) {
+  PublishImage();
+  // Bank-1 area of the first half is used up to 4 bytes before its end.
+  std::vector<UINT8> Used(kQuarter - 4, 0x11);
+  Platform->Flash.Load(kJournal + kQuarter - static_cast<UINT32>(Platform->FlashBaseAddress), Used.data(),
+                       static_cast<UINT32>(Used.size()));
+  WriteCmosToRom(0xFA, 9);
+  EXPECT_EQ(Platform->ExtendedCmos[0xFA], 9);
+  EXPECT_EQ(Platform->CountCalls("FlashDeviceWrite"), 0u);
+  EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[0], 0xFF);
+
+  // A 2-byte record without checksum still fits there.
+  AppendCmosJournal(0xF7, 3, nullptr);
+  EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[0], 0xF7);
+  EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[1], 3);
+}
+
+TEST_F(CmosAccess, ActiveSecondHalfIsMovedBackBeforeAppending) {
+  std::vector<UINT8> Second(kHalf, 0xFF);
+  std::memcpy(Second.data(), &gCmosJournalSignatureGuid, sizeof(EFI_GUID));
+  Second[kQuarter] = 0xE0;
+  Second[kQuarter + 1] = 0x01;
+  UINT32 SecondOffset = kJournal + kHalf - static_cast<UINT32>(Platform->FlashBaseAddress);
+  Platform->Flash.Load(SecondOffset, Second.data(), kHalf);
+  std::vector<UINT8> OldFirst(kHalf, 0x00);
+  Platform->Flash.Load(SecondOffset - kHalf, OldFirst.data(), kHalf);
+
+  UINT16 Checksum = 0x1234;
+  AppendCmosJournal(0xFB, 2, &Checksum);
+
+  EXPECT_EQ(std::memcmp(FlashAt(kJournal), &gCmosJournalSignatureGuid, sizeof(EFI_GUID)), 0);
+  const UINT8 Expected[] = {0xE0, 0x01, 0xFB, 0x02, 0xC2, 0x34, 0xC3, 0x12};
+  EXPECT_EQ(std::memcmp(FlashAt(kJournal + kQuarter), Expected, sizeof(Expected)), 0);
+  for (UINT32 Offset = 0; Offset < kHalf; Offset++) {
+    ASSERT_EQ(FlashAt(kJournal + kHalf)[Offset], 0xFF) << "second half erased at " << Offset;
+  }
+  EXPECT_STREQ(Platform->Calls[0].Name, "FlashDeviceErase");
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], kJournal);
+  EXPECT_STREQ(Platform->Calls[1].Name, "FlashDeviceWrite");
+  EXPECT_STREQ(Platform->Calls[2].Name, "FlashDeviceErase");
+  EXPECT_EQ(Platform->Calls[2].Arguments[0], kJournal + kHalf);
+  EXPECT_STREQ(Platform->Calls[3].Name, "FlashDeviceWrite");
+  EXPECT_EQ(Platform->ElapsedMicroseconds, 4 * 50u) << "a 50 us wait after each flash operation";
+}
+
+TEST_F(CmosAccess, NoJournalBaseMeansNoJournal) {
+  gConfig.CmosJournalBase = 0;
+  UINT16 Checksum = 1;
+  AppendCmosJournal(0xFB, 2, &Checksum);
+  EXPECT_EQ(Platform->CallCount, 0u);
+}
+
+}  // namespace

@@ -1,0 +1,80 @@
+#include "PlatformFixture.h"
+
+#include "../../emu/host/EmuHostMemory.h"
+#include "../../src/base/Globals.h"
+#include "../../src/base/Guids.h"
+#include "../../src/base/Hob.h"
+#include "../../src/base/SmmServices.h"
+#include "../../src/driver/Config.h"
+#include "../../src/driver/DriverState.h"
+#include "../../src/driver/DynamicPcd.h"
+#include "../../src/driver/Entry.h"
+#include "../../src/platform/Cmos.h"
+
+void ResetEdkLibrariesForTest();
+
+void ResetAllDriverStateForTest() {
+  ResetConfigForTest();
+  ResetDriverStateForTest();
+  ResetGlobalsForTest();
+  ResetHobCacheForTest();
+  ResetSmmStateForTest();
+  ResetDynamicPcdForTest();
+  ResetCmosStateForTest();
+  ResetEdkLibrariesForTest();
+}
+
+PlatformFixture::PlatformFixture() {
+  ResetAllDriverStateForTest();
+  PlatformStorage_ = std::make_unique<EmuPlatform>();
+  Platform = PlatformStorage_.get();
+  if (!Platform->Initialize(EmuHostMemory(), kDefaultEmuLayout)) {
+    ADD_FAILURE() << "emulated platform could not be built";
+  }
+  gEmuPlatform = Platform;
+  Sim.SetPcd(gPlatformPcdTokenSpaceGuid, 0x0A04, Platform->PcdBootBlockUpdateEnabled);
+  Sim.SetPcd(gAmdPcdTokenSpaceGuid, 0x95940054, Platform->PcdAmdLibrarySetting);
+}
+
+PlatformFixture::~PlatformFixture() {
+  gEmuPlatform = nullptr;
+  ResetAllDriverStateForTest();
+  PlatformStorage_.reset();
+  EmuHostMemoryReleaseAll();
+}
+
+void PlatformFixture::PrepareBoot() {
+  if (Prepared_) {
+    return;
+  }
+  Prepared_ = true;
+  if (PublishHobList) {
+    Sim.InstallConfigurationTable(gEfiHobListGuid, Hobs.Finish());
+  }
+  Sim.InstallPcdProtocol();
+  EmuInstallProtocols(*Platform, Sim.BootServices(), Install);
+}
+
+EFI_STATUS PlatformFixture::StartDriver() {
+  PrepareBoot();
+  EFI_STATUS Status = _ModuleEntryPoint(Sim.ImageHandle(), Sim.SystemTable());
+  Sim.AdoptLiveAllocations();  // the service tables live for the firmware's life
+  return Status;
+}
+
+std::vector<std::string> PlatformFixture::Traces() const {
+  std::vector<std::string> Lines;
+  std::string Current;
+  for (UINTN Index = 0; Index < Platform->TraceLength; Index++) {
+    char Character = static_cast<char>(Platform->TraceText[Index]);
+    if (Character == '\n') {
+      Lines.push_back(Current);
+      Current.clear();
+    } else {
+      Current.push_back(Character);
+    }
+  }
+  return Lines;
+}
+
+void PlatformFixture::EnableTraces(bool On) { gConfig.PcdBiosImageInterfaceDebug = On ? TRUE : FALSE; }

@@ -1,0 +1,40 @@
+// The default scenario every driver test starts from: a simulated UEFI environment with a
+// HOB list and the PCD protocol, an emulated platform with its protocols installed, and
+// all driver state reset. Tests vary the scenario before they start the driver.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../../emu/EmuPlatform.h"
+#include "../../sim/SimHobList.h"
+#include "../../sim/SimUefi.h"
+
+void ResetAllDriverStateForTest();
+
+class PlatformFixture : public ::testing::Test {
+protected:
+  PlatformFixture();
+  ~PlatformFixture() override;
+
+  // Publishes the HOB list, PCDs and platform protocols chosen so far.
+  void PrepareBoot();
+  // Runs the driver's entry point as the dispatcher would.
+  EFI_STATUS StartDriver();
+
+  // Traces printed so far, one line each.
+  std::vector<std::string> Traces() const;
+  void EnableTraces(bool On);
+
+  SimUefi Sim;
+  SimHobList Hobs;
+  bool PublishHobList = true;
+  EmuInstallOptions Install;
+  EmuPlatform *Platform = nullptr;
+
+private:
+  std::unique_ptr<EmuPlatform> PlatformStorage_;
+  bool Prepared_ = false;
+};
