@@ -5,13 +5,23 @@
 
 namespace {
 const VOID *mHobList = nullptr;
+// One past the last byte any HOB may occupy: the end HOB that the hand-off HOB names.
+UINTN mHobListLimit = 0;
+
+bool Fits(const EFI_HOB_GENERIC_HEADER *Hob, UINTN Length) {
+  UINTN Address = reinterpret_cast<UINTN>(Hob);
+  return Address <= mHobListLimit && Length <= mHobListLimit - Address;
+}
+
+// A HOB whose header or length leaves the list, or whose length is not a non-zero multiple
+// of 8, ends every walk: nothing after it can be trusted.
+bool WellFormed(const EFI_HOB_GENERIC_HEADER *Hob) {
+  return Fits(Hob, sizeof(EFI_HOB_GENERIC_HEADER)) && Hob->HobLength >= sizeof(EFI_HOB_GENERIC_HEADER) &&
+         (Hob->HobLength % 8) == 0 && Fits(Hob, Hob->HobLength);
+}
 
 const EFI_HOB_GENERIC_HEADER *Next(const EFI_HOB_GENERIC_HEADER *Hob) {
   return reinterpret_cast<const EFI_HOB_GENERIC_HEADER *>(reinterpret_cast<const UINT8 *>(Hob) + Hob->HobLength);
-}
-
-bool WellFormed(const EFI_HOB_GENERIC_HEADER *Hob) {
-  return Hob->HobLength >= sizeof(EFI_HOB_GENERIC_HEADER) && (Hob->HobLength % 8) == 0;
 }
 }  // namespace
 
@@ -19,27 +29,34 @@ const VOID *GetHobList() { return mHobList; }
 
 EFI_STATUS CacheHobList(EFI_SYSTEM_TABLE *SystemTable) {
   mHobList = nullptr;
+  mHobListLimit = 0;
   if (SystemTable == nullptr) {
     return EFI_NOT_FOUND;
   }
   for (UINTN Index = 0; Index < SystemTable->NumberOfTableEntries; Index++) {
     const EFI_CONFIGURATION_TABLE &Entry = SystemTable->ConfigurationTable[Index];
-    if (CompareGuid(&Entry.VendorGuid, &gEfiHobListGuid)) {
-      mHobList = Entry.VendorTable;
-      return EFI_SUCCESS;
+    if (!CompareGuid(&Entry.VendorGuid, &gEfiHobListGuid) || Entry.VendorTable == nullptr) {
+      continue;
     }
+    const auto *Handoff = static_cast<const EFI_HOB_HANDOFF_INFO_TABLE *>(Entry.VendorTable);
+    UINTN Start = reinterpret_cast<UINTN>(Handoff);
+    UINTN EndHob = static_cast<UINTN>(Handoff->EfiEndOfHobList);
+    if (Handoff->Header.HobType != EFI_HOB_TYPE_HANDOFF || Handoff->Header.HobLength < sizeof(*Handoff) ||
+        EndHob < Start + sizeof(*Handoff) || EndHob > UINTN(-1) - sizeof(EFI_HOB_GENERIC_HEADER)) {
+      return EFI_NOT_FOUND;  // a list that does not say where it ends cannot be walked safely
+    }
+    mHobList = Handoff;
+    mHobListLimit = EndHob + sizeof(EFI_HOB_GENERIC_HEADER);
+    return EFI_SUCCESS;
   }
   return EFI_NOT_FOUND;
 }
 
 const VOID *GetNextHob(UINT16 Type, const VOID *HobStart) {
   const auto *Hob = static_cast<const EFI_HOB_GENERIC_HEADER *>(HobStart);
-  while (Hob != nullptr && Hob->HobType != EFI_HOB_TYPE_END_OF_HOB_LIST) {
+  while (Hob != nullptr && WellFormed(Hob) && Hob->HobType != EFI_HOB_TYPE_END_OF_HOB_LIST) {
     if (Hob->HobType == Type) {
       return Hob;
-    }
-    if (!WellFormed(Hob)) {
-      return nullptr;
     }
     Hob = Next(Hob);
   }
@@ -50,10 +67,7 @@ const EFI_HOB_GUID_TYPE *GetNextGuidHob(const EFI_GUID *Guid, const VOID *HobSta
   const VOID *Cursor = HobStart;
   while ((Cursor = GetNextHob(EFI_HOB_TYPE_GUID_EXTENSION, Cursor)) != nullptr) {
     const auto *GuidHob = static_cast<const EFI_HOB_GUID_TYPE *>(Cursor);
-    if (!WellFormed(&GuidHob->Header) || GuidHob->Header.HobLength < sizeof(EFI_HOB_GUID_TYPE)) {
-      return nullptr;
-    }
-    if (CompareGuid(&GuidHob->Name, Guid)) {
+    if (GuidHob->Header.HobLength >= sizeof(EFI_HOB_GUID_TYPE) && CompareGuid(&GuidHob->Name, Guid)) {
       return GuidHob;
     }
     Cursor = Next(&GuidHob->Header);
@@ -70,5 +84,8 @@ VOID *GuidHobData(const EFI_HOB_GUID_TYPE *Hob) {
 UINTN GuidHobDataSize(const EFI_HOB_GUID_TYPE *Hob) { return Hob->Header.HobLength - sizeof(EFI_HOB_GUID_TYPE); }
 
 #if defined(BIOS_HOST_BUILD)
-void ResetHobCacheForTest() { mHobList = nullptr; }
+void ResetHobCacheForTest() {
+  mHobList = nullptr;
+  mHobListLimit = 0;
+}
 #endif

@@ -1,0 +1,88 @@
+// HOB lists from the earlier boot phase are walked only inside the list the hand-off HOB
+// describes; damaged HOBs end the walk.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "../../src/base/Guids.h"
+#include "../../src/base/Hob.h"
+
+namespace {
+
+struct HobListCase {
+  const char *Name;
+  std::vector<uint16_t> Lengths;  // declared lengths of the GUID HOBs after the hand-off HOB
+  std::vector<uint16_t> Layout;   // bytes each one really occupies (empty: as declared)
+  size_t Found;                   // how many the walk returns before it stops
+};
+
+class HobWalk : public ::testing::TestWithParam<HobListCase> {
+protected:
+  ~HobWalk() override { ResetHobCacheForTest(); }
+
+  // Builds hand-off HOB + GUID HOBs with the given lengths (contents zero) + end HOB, then caches it.
+  void Build(const std::vector<uint16_t> &Lengths, const std::vector<uint16_t> &Layout = {},
+             bool NameTheEnd = true) {
+    List.assign(sizeof(EFI_HOB_HANDOFF_INFO_TABLE), 0);
+    for (size_t Index = 0; Index < Lengths.size(); Index++) {
+      EFI_HOB_GUID_TYPE Hob{};
+      Hob.Header.HobType = EFI_HOB_TYPE_GUID_EXTENSION;
+      Hob.Header.HobLength = Lengths[Index];
+      Hob.Name = gCmosToRomImageHobGuid;
+      size_t Occupied = Layout.empty() ? Lengths[Index] : Layout[Index];
+      size_t At = List.size();
+      List.resize(At + Occupied, 0);
+      std::memcpy(List.data() + At, &Hob, std::min(Occupied, sizeof(Hob)));
+    }
+    size_t EndAt = List.size();
+    const uint8_t End[8] = {0xFF, 0xFF, 8, 0, 0, 0, 0, 0};
+    List.insert(List.end(), End, End + 8);
+    List.resize(List.size() + 0x10000, 0xEE);  // room a wild length could reach into
+    auto *Handoff = reinterpret_cast<EFI_HOB_HANDOFF_INFO_TABLE *>(List.data());
+    Handoff->Header.HobType = EFI_HOB_TYPE_HANDOFF;
+    Handoff->Header.HobLength = sizeof(*Handoff);
+    Handoff->EfiEndOfHobList = NameTheEnd ? reinterpret_cast<EFI_PHYSICAL_ADDRESS>(List.data() + EndAt) : 0;
+    Table = {gEfiHobListGuid, List.data()};
+    System.NumberOfTableEntries = 1;
+    System.ConfigurationTable = &Table;
+  }
+
+  size_t Count() {
+    size_t Found = 0;
+    for (const EFI_HOB_GUID_TYPE *Hob = GetFirstGuidHob(&gCmosToRomImageHobGuid); Hob != nullptr;
+         Hob = GetNextGuidHob(&gCmosToRomImageHobGuid, reinterpret_cast<const uint8_t *>(Hob) + Hob->Header.HobLength)) {
+      Found++;
+    }
+    return Found;
+  }
+
+  std::vector<uint8_t> List;
+  EFI_CONFIGURATION_TABLE Table{};
+  EFI_SYSTEM_TABLE System{};
+};
+
+TEST_P(HobWalk, StopsAtTheFirstDamagedHob) {
+  Build(GetParam().Lengths, GetParam().Layout);
+  ASSERT_EQ(CacheHobList(&System), EFI_SUCCESS);
+  EXPECT_EQ(Count(), GetParam().Found);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lists, HobWalk,
+    ::testing::Values(HobListCase{"WellFormed", {32, 24, 64}, {}, 3},
+                      HobListCase{"ZeroLengthEndsTheWalk", {32, 0, 32}, {32, 24, 32}, 1},
+                      HobListCase{"LengthNotAMultipleOf8", {32, 28, 32}, {32, 32, 32}, 1},
+                      HobListCase{"LengthPastTheEndHob", {32, 0xFFF8}, {32, 32}, 1},
+                      HobListCase{"GuidHobShorterThanItsHeaderIsSkipped", {16, 32}, {}, 1}),
+    [](const auto &Info) { return std::string(Info.param.Name); });
+
+TEST_F(HobWalk, ListWithoutItsEndIsNotTaken) {
+  Build({32}, {}, false);
+  EXPECT_EQ(CacheHobList(&System), EFI_NOT_FOUND);
+  EXPECT_EQ(GetHobList(), nullptr);
+  EXPECT_EQ(GetFirstGuidHob(&gCmosToRomImageHobGuid), nullptr);
+}
+
+}  // namespace
