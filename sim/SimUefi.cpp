@@ -248,6 +248,11 @@ SimUefi::SimUefi() {
   Smst_.SmmLocateProtocol = SmmLocateProtocol;
 
   ImageHandle_ = NewHandle();
+  LoadedImage_.Revision = EFI_IMAGE_INFORMATION_REVISION;
+  LoadedImage_.SystemTable = &SystemTable_;
+  LoadedImage_.ImageCodeType = EfiBootServicesCode;
+  LoadedImage_.ImageDataType = EfiBootServicesData;
+  Install(&ImageHandle_, gEfiLoadedImageProtocolGuid, &LoadedImage_);
 }
 
 SimUefi::~SimUefi() {

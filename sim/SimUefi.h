@@ -40,6 +40,7 @@ public:
   EFI_BOOT_SERVICES *BootServices() { return &BootServices_; }
   EFI_RUNTIME_SERVICES *RuntimeServices() { return &RuntimeServices_; }
   EFI_HANDLE ImageHandle() const { return ImageHandle_; }
+  EFI_LOADED_IMAGE *LoadedImage() { return &LoadedImage_; }
 
   // ---- Protocol database ------------------------------------------------------------------
   EFI_HANDLE NewHandle();
@@ -152,6 +153,7 @@ private:
   std::vector<EFI_HANDLE> HandleOrder_;
   std::vector<std::unique_ptr<uint64_t>> HandleStorage_;
   EFI_HANDLE ImageHandle_ = nullptr;
+  EFI_LOADED_IMAGE LoadedImage_{};
   std::map<std::string, EFI_STATUS> InstallFailures_;
 
   std::map<EFI_EVENT, Event> Events_;

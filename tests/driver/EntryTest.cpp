@@ -6,6 +6,7 @@
 #include "../../src/base/Guids.h"
 #include "../../src/driver/Config.h"
 #include "../../src/driver/DriverState.h"
+#include "../../src/driver/Entry.h"
 #include "../../src/driver/LibraryList.h"
 #include "../support/PlatformFixture.h"
 
@@ -201,6 +202,34 @@ TEST_F(DriverEntry, ProbeLeavesTheFlagAloneForAnyOtherValue) {
   Platform->ExtendedCmos[0xF8] = 0xFE;
   EXPECT_EQ(StartDriver(), EFI_SUCCESS);
   EXPECT_EQ(mStageUpdateToDisk, 0);
+}
+
+}  // namespace
+
+namespace {
+
+class DriverEntryModuleConstants : public DriverEntry {};
+
+TEST_F(DriverEntryModuleConstants, RevisionCheckFiresOnlyWhenConfigured) {
+  gConfig.MinimumSystemTableRevision = 0xFFFFFFFF;
+  EXPECT_EQ(StartDriver(), EFI_INCOMPATIBLE_VERSION);
+  EXPECT_TRUE(Steps.empty()) << "nothing else is done";
+}
+
+TEST_F(DriverEntryModuleConstants, NoUnloadHandlerIsInstalledWithTheShippedCount) {
+  EXPECT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(Sim.LoadedImage()->Unload, nullptr);
+}
+
+TEST_F(DriverEntryModuleConstants, AnUnloadCountInstallsTheHandlerThatStopsTheLibraries) {
+  gConfig.UnloadImageCount = 1;
+  EXPECT_EQ(StartDriver(), EFI_SUCCESS);
+  ASSERT_EQ(Sim.LoadedImage()->Unload, &BiosImageInterfaceUnload);
+  EXPECT_EQ(Sim.OpenEvents(), 1u) << "the debug-mask library's exit-boot-services event";
+  EXPECT_EQ(Sim.LoadedImage()->Unload(Sim.ImageHandle()), EFI_SUCCESS);
+  EXPECT_EQ(DestructorRuns(), 1u);
+  EXPECT_EQ(Sim.OpenEvents(), 0u);
+  EXPECT_EQ(Sim.InterfaceOn(Sim.ImageHandle(), gEfiDebugMaskProtocolGuid), nullptr);
 }
 
 }  // namespace
