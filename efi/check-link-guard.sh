@@ -23,7 +23,9 @@ SRC
 cat > "$work/operator_new.cpp" <<'SRC'
 #include <efi.h>
 struct Box { int Value; };
-extern "C" EFI_STATUS efi_main(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return (new Box{3})->Value; }
+Box *gBox;
+// The pointer escapes, so the allocation cannot be optimised away.
+extern "C" EFI_STATUS efi_main(EFI_HANDLE, EFI_SYSTEM_TABLE *) { gBox = new Box{3}; return 0; }
 SRC
 
 status=0

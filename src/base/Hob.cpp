@@ -27,6 +27,28 @@ const EFI_HOB_GENERIC_HEADER *Next(const EFI_HOB_GENERIC_HEADER *Hob) {
 
 const VOID *GetHobList() { return mHobList; }
 
+namespace {
+// No HOB list is anywhere near this long; a walk that finds no end HOB within it gives up.
+constexpr UINTN kMaxHobListSize = 64u << 20;
+
+// The end of a list whose hand-off HOB does not name it (the DXE core may have moved the
+// list without updating EfiEndOfHobList): the end HOB found by walking well-formed HOBs.
+UINTN FindEndHob(UINTN Start) {
+  UINTN Cursor = Start;
+  while (Cursor - Start <= kMaxHobListSize - sizeof(EFI_HOB_GENERIC_HEADER)) {
+    const auto *Hob = reinterpret_cast<const EFI_HOB_GENERIC_HEADER *>(Cursor);
+    if (Hob->HobType == EFI_HOB_TYPE_END_OF_HOB_LIST) {
+      return Cursor;
+    }
+    if (Hob->HobLength < sizeof(EFI_HOB_GENERIC_HEADER) || (Hob->HobLength % 8) != 0) {
+      return 0;
+    }
+    Cursor += Hob->HobLength;
+  }
+  return 0;
+}
+}  // namespace
+
 EFI_STATUS CacheHobList(EFI_SYSTEM_TABLE *SystemTable) {
   mHobList = nullptr;
   mHobListLimit = 0;
@@ -39,11 +61,15 @@ EFI_STATUS CacheHobList(EFI_SYSTEM_TABLE *SystemTable) {
       continue;
     }
     const auto *Handoff = static_cast<const EFI_HOB_HANDOFF_INFO_TABLE *>(Entry.VendorTable);
+    if (Handoff->Header.HobType != EFI_HOB_TYPE_HANDOFF || Handoff->Header.HobLength < sizeof(*Handoff)) {
+      return EFI_NOT_FOUND;
+    }
     UINTN Start = reinterpret_cast<UINTN>(Handoff);
-    UINTN EndHob = static_cast<UINTN>(Handoff->EfiEndOfHobList);
-    if (Handoff->Header.HobType != EFI_HOB_TYPE_HANDOFF || Handoff->Header.HobLength < sizeof(*Handoff) ||
-        EndHob < Start + sizeof(*Handoff) || EndHob > UINTN(-1) - sizeof(EFI_HOB_GENERIC_HEADER)) {
-      return EFI_NOT_FOUND;  // a list that does not say where it ends cannot be walked safely
+    UINTN Named = static_cast<UINTN>(Handoff->EfiEndOfHobList);
+    bool NamedInside = Named >= Start + sizeof(*Handoff) && Named - Start <= kMaxHobListSize;
+    UINTN EndHob = NamedInside ? Named : FindEndHob(Start);
+    if (EndHob == 0) {
+      return EFI_NOT_FOUND;  // a list without a reachable end cannot be walked safely
     }
     mHobList = Handoff;
     mHobListLimit = EndHob + sizeof(EFI_HOB_GENERIC_HEADER);

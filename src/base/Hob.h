@@ -1,11 +1,12 @@
-// HOB list access over the list cached at start-up. Walking is bounded by the end HOB
-// that the hand-off HOB names: a HOB that leaves the list, or whose length is zero or not
-// a multiple of 8, ends the walk instead of looping or reading past the list.
+// HOB list access over the list cached at start-up. Walking is bounded by the list's end
+// HOB (the one the hand-off HOB names, or the first one found when the list was moved): a
+// HOB that leaves the list, or whose length is zero or not a multiple of 8, ends the walk
+// instead of looping or reading past the list.
 #pragma once
 #include "PiHob.h"
 
 // The cached list (from the gEfiHobListGuid configuration table), or nullptr. A list
-// whose first HOB is not a hand-off HOB naming the list's end is not taken.
+// whose first HOB is not a hand-off HOB, or whose end cannot be found, is not taken.
 const VOID *GetHobList();
 EFI_STATUS CacheHobList(EFI_SYSTEM_TABLE *SystemTable);
 
