@@ -40,22 +40,23 @@ template <typename T> EFI_STATUS LocateInto(const EFI_GUID &Guid, T *&Interface)
   return Locate(Guid, reinterpret_cast<VOID **>(&Interface));
 }
 
-// Allocates one zeroed service table and installs it on a new handle. The table is owned
-// by the firmware from then on; a failed installation frees it again.
-EFI_STATUS InstallServiceTable(const EFI_GUID &Guid, BiosImageInterfaceProtocol *&Table, bool &Allocated) {
-  PoolBuffer Buffer = PoolBuffer::AllocateZeroed(sizeof(BiosImageInterfaceProtocol));
-  Allocated = static_cast<bool>(Buffer);
-  if (!Buffer) {
-    return EFI_OUT_OF_RESOURCES;
+// A zeroed service table with every slot filled, or an empty holder when pool runs out.
+PoolBuffer NewServiceTable() {
+  PoolBuffer Table = PoolBuffer::AllocateZeroed(sizeof(BiosImageInterfaceProtocol));
+  if (Table) {
+    FillServiceTable(Table.As<BiosImageInterfaceProtocol>());
   }
-  auto *NewTable = Buffer.As<BiosImageInterfaceProtocol>();
-  FillServiceTable(NewTable);
-  Table = NewTable;
+  return Table;
+}
+
+// Installs a table on a new handle. Once installed the firmware owns it for good; after a
+// failed installation the holder still owns it and frees it.
+EFI_STATUS InstallOnNewHandle(const EFI_GUID &Guid, PoolBuffer &Table) {
   EFI_HANDLE Handle = nullptr;
   EFI_STATUS Status =
-      gBS->InstallProtocolInterface(&Handle, const_cast<EFI_GUID *>(&Guid), EFI_NATIVE_INTERFACE, NewTable);
+      gBS->InstallProtocolInterface(&Handle, const_cast<EFI_GUID *>(&Guid), EFI_NATIVE_INTERFACE, Table.Data());
   if (Status == EFI_SUCCESS) {
-    Buffer.Release();
+    Table.Release();
   }
   return Status;
 }
@@ -108,19 +109,23 @@ EFI_STATUS BiosImageInterfaceEntry(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE *Sys
   mUpdateStatusBlock = mPlatformConfig->UpdateStatusBlock;
   mImageHandle = ImageHandle;
 
-  bool Allocated = false;
-  Status = InstallServiceTable(gBiosImageInterfaceProtocolGuid, mBiosImageInterface, Allocated);
-  if (!Allocated) {
+  PoolBuffer First = NewServiceTable();
+  if (!First) {
     return EFI_OUT_OF_RESOURCES;
   }
-  if (Status != EFI_SUCCESS) {
-    mBiosImageInterface = nullptr;  // the table was freed; the entry goes on
+  mBiosImageInterface = First.As<BiosImageInterfaceProtocol>();
+  if (InstallOnNewHandle(gBiosImageInterfaceProtocolGuid, First) != EFI_SUCCESS) {
+    First.Reset();  // a failed first installation is not reported; the entry goes on
+    mBiosImageInterface = nullptr;
   }
 
-  EFI_STATUS SecondStatus = InstallServiceTable(gBiosImageInterfaceProtocol2Guid, mBiosImageInterface2, Allocated);
-  if (!Allocated) {
+  PoolBuffer Second = NewServiceTable();
+  if (!Second) {
     return EFI_OUT_OF_RESOURCES;
   }
+  mBiosImageInterface2 = Second.As<BiosImageInterfaceProtocol>();
+  EFI_STATUS SecondStatus = InstallOnNewHandle(gBiosImageInterfaceProtocol2Guid, Second);
+  Second.Reset();  // freed when not installed; mBiosImageInterface2 keeps its value
 
   // Update-tool probe: 0xFF in CMOS 0xF8 asks for the update files to be staged on disk.
   const PlatformDataBlock *Data = mPlatformFlashService->PlatformData;
