@@ -2,12 +2,29 @@
 // 0xFF; program can only clear bits, and programming over bytes that are not erased is
 // counted as a fault (the stored value is the AND, as on real parts). Every operation is
 // counted so that tests and benches can assert how much an update really touched.
+//
+// Timing model: the physical time of every operation is accumulated, with the typical
+// figures of a 16 MiB (128 Mbit) SPI NOR part, Winbond W25Q128JV datasheet, AC table:
+//   4 KiB sector erase  tSE = 45 ms typical (400 ms maximum)
+//   page program        tPP = 0.7 ms typical per 256-byte page (3 ms maximum); a program
+//                       touching part of a page costs a whole page program
+//   read                Fast Read at 133 MHz on one data line: 8 clocks per byte = 60 ns
+//
+// Fault injection counts erases (one per sector) and programs (one per call) from the
+// moment it is armed: "fail operation N" makes the Nth of them return EFI_DEVICE_ERROR
+// without touching the array; "cut power at operation N" leaves the sector being erased
+// erased, or the first half of the bytes being programmed programmed, and from then on
+// every operation (reads too) fails until power is restored.
 #pragma once
 #include "../src/base/Uefi.h"
 
 class EmuFlashChip {
 public:
   static constexpr UINT32 kSectorSize = 0x1000;
+  static constexpr UINT32 kPageSize = 0x100;
+  static constexpr UINT64 kSectorEraseNanoseconds = 45000000;  // tSE typical
+  static constexpr UINT64 kPageProgramNanoseconds = 700000;    // tPP typical
+  static constexpr UINT64 kReadNanosecondsPerByte = 60;        // 8 clocks at 133 MHz
 
   // The chip's bytes are provided by the caller; the chip starts erased.
   void Attach(UINT8 *Storage, UINT32 Size);
@@ -30,12 +47,54 @@ public:
     UINT64 ProgramFaults;  // programs that tried to set a bit to 1
   };
   const Counters &Stats() const { return Stats_; }
-  void ResetStats() { Stats_ = {}; }
+  // Clears the counters and the accumulated time.
+  void ResetStats() {
+    Stats_ = {};
+    Time_ = {};
+  }
+
+  // Physical time of everything done since the last ResetStats, in nanoseconds.
+  struct Timing {
+    UINT64 EraseNanoseconds;
+    UINT64 ProgramNanoseconds;
+    UINT64 ReadNanoseconds;
+    UINT64 Total() const { return EraseNanoseconds + ProgramNanoseconds + ReadNanoseconds; }
+  };
+  const Timing &Time() const { return Time_; }
+
+  // ---- Fault injection (N = 1 is the next erase or program) --------------------------------
+  void FailOperation(UINT64 N) { ArmFault(FaultKind::FailOperation, N); }
+  void CutPowerAtOperation(UINT64 N) { ArmFault(FaultKind::CutPower, N); }
+  void ClearFaults() { ArmFault(FaultKind::None, 0); }
+  BOOLEAN PowerLost() const { return PowerLost_; }
+  // The next boot: the array keeps what the cut left, operations work again.
+  void RestorePower() {
+    PowerLost_ = FALSE;
+    ClearFaults();
+  }
+  // Erases and programs attempted since the fault was armed (or since Attach).
+  UINT64 OperationsCounted() const { return OperationsCounted_; }
 
 private:
+  enum class FaultKind { None, FailOperation, CutPower };
+  enum class Outcome { Proceed, Fail, CutPower };
+
   bool InRange(UINT32 Offset, UINT32 Length) const { return Offset <= Size_ && Length <= Size_ - Offset; }
+  void ArmFault(FaultKind Kind, UINT64 N) {
+    Fault_ = Kind;
+    FaultAt_ = N;
+    OperationsCounted_ = 0;
+  }
+  // Counts one erase or program and tells what becomes of it.
+  Outcome NextOperation();
+  static UINT64 PagesTouched(UINT32 Offset, UINT32 Length);
 
   UINT8 *Bytes_ = nullptr;
   UINT32 Size_ = 0;
   Counters Stats_ = {};
+  Timing Time_ = {};
+  FaultKind Fault_ = FaultKind::None;
+  UINT64 FaultAt_ = 0;
+  UINT64 OperationsCounted_ = 0;
+  BOOLEAN PowerLost_ = FALSE;
 };

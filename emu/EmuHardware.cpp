@@ -45,6 +45,11 @@ CpuidResult Cpuid(UINT32 Leaf, UINT32 SubLeaf) {
   return {0, 0, 0, 0};
 }
 
+UINT32 CpuidEscape(UINT32 Leaf, UINT32 Ebx, UINT32 Esi) {
+  EmuPlatform *P = EmuActivePlatform();
+  return P == nullptr ? Esi : P->Soc.AnswerEscape(Leaf, Ebx, Esi);
+}
+
 UINT64 IdtBase() {
   EmuPlatform *P = EmuActivePlatform();
   return P == nullptr ? 0 : reinterpret_cast<UINT64>(P->Idt);
@@ -88,22 +93,32 @@ void SetTscFrequency(UINT64 TicksPerSecond) {
 
 const UINT8 *FlashPointer(UINT64 Address, UINT64 Length) {
   EmuPlatform *P = EmuActivePlatform();
-  return P == nullptr ? nullptr : P->MappedFlash(Address, Length);
+  if (P == nullptr) {
+    return nullptr;
+  }
+  P->Soc.NoteWindowRequest(Address, Length);
+  return P->MappedFlash(Address, Length);
 }
 
 UINT32 PciExpressRead32(UINT64 Address) {
-  (void)Address;
-  return 0xFFFFFFFFu;
+  EmuPlatform *P = EmuActivePlatform();
+  return P == nullptr ? 0xFFFFFFFFu : P->Soc.PciRead(Address);
 }
 void PciExpressWrite32(UINT64 Address, UINT32 Value) {
-  (void)Address;
-  (void)Value;
+  if (EmuPlatform *P = EmuActivePlatform()) {
+    P->Soc.PciWrite(Address, Value);
+  }
 }
 
 void CpuDeadLoop() {
   if (EmuPlatform *P = EmuActivePlatform()) {
     P->DeadLoopCount++;
   }
+}
+
+void CpuDeadLoop(void (*Round)(VOID *Context), VOID *Context) {
+  CpuDeadLoop();
+  Round(Context);
 }
 
 }  // namespace Hw

@@ -57,8 +57,9 @@ BOOLEAN EmuPlatform::Initialize(const EmuMemory &Memory, const EmuLayout &NewLay
   UpdateLog = AllocateZeroed<UpdateLogProtocol>(Memory.Allocate);
   UpdateStatusBlock = AllocateZeroed<UINT8>(Memory.Allocate, 0x100);
   UINT32 ChipSize = Layout.LowerFlashSize + Layout.MappedFlashSize;
-  UINT8 *ChipBytes = AllocateZeroed<UINT8>(Memory.Allocate, ChipSize);
-  EcStore = AllocateZeroed<UINT8>(Memory.Allocate, Layout.EcSize == 0 ? 1 : Layout.EcSize);
+  UINT8 *ChipBytes = static_cast<UINT8 *>(Memory.Allocate(ChipSize));  // Attach erases it
+  EcStoreSize = Layout.EcStoreSize > Layout.EcSize ? Layout.EcStoreSize : Layout.EcSize;
+  EcStore = AllocateZeroed<UINT8>(Memory.Allocate, EcStoreSize == 0 ? 1 : EcStoreSize);
   if (PortLog == nullptr || Calls == nullptr || TraceText == nullptr || Idt == nullptr || DebugService == nullptr ||
       Config == nullptr || FlashService == nullptr || PlatformData == nullptr || FlashDevice == nullptr ||
       BootBlockHandler == nullptr || UpdateLog == nullptr || UpdateStatusBlock == nullptr || ChipBytes == nullptr ||
@@ -68,7 +69,7 @@ BOOLEAN EmuPlatform::Initialize(const EmuMemory &Memory, const EmuLayout &NewLay
 
   Flash.Attach(ChipBytes, ChipSize);
   FlashBaseAddress = 0x100000000ull - ChipSize;
-  SetMem(EcStore, Layout.EcSize, 0xFF);
+  SetMem(EcStore, EcStoreSize, 0xFF);
 
   DebugService->PrintFunction = reinterpret_cast<UINT64>(&EmuDebugPrint);
   DebugService->Platform = reinterpret_cast<UINT64>(this);
@@ -76,11 +77,14 @@ BOOLEAN EmuPlatform::Initialize(const EmuMemory &Memory, const EmuLayout &NewLay
   DebugService->Marker = kDebugServiceMarker;
   WriteGate(Idt + 3 * 16, reinterpret_cast<UINT64>(DebugService->Handler));
 
+  Soc.Select(*this, kEmuDefaultProcessorSignature);
+
   PlatformData->CmosIndexPort = 0x72;
   PlatformData->CmosDataPort = 0x73;
   extern void EmuFillProtocols(EmuPlatform & Platform);
   EmuFillProtocols(*this);
-  return TRUE;
+  EmuFillFlashPlatform(*this);
+  return EmuSettingsInitialize(*this, Memory);
 }
 
 void EmuPlatform::AppendTrace(const CHAR8 *Line, UINTN Length) {
@@ -190,13 +194,32 @@ BOOLEAN EmuPlatform::FlashOffset(UINT64 Address, UINT64 Length, UINT32 &Offset) 
 }
 
 const UINT8 *EmuPlatform::MappedFlash(UINT64 Address, UINT64 Length) const {
-  // Only the part at 0xFF000000..0xFFFFFFFF is visible as memory.
+  if (const UINT8 *Wide = Soc.WideWindow(Flash, Address, Length)) {
+    return Wide;
+  }
+  // Below 4 GiB only the part at 0xFF000000..0xFFFFFFFF is visible as memory.
   constexpr UINT64 kWindowBase = 0xFF000000ull;
   UINT32 Offset = 0;
   if (Address < kWindowBase || !FlashOffset(Address, Length, Offset)) {
     return nullptr;
   }
   return Flash.Bytes() + Offset;
+}
+
+EFI_STATUS EmuPlatform::ProgramFlashAt(UINT64 Address, const VOID *Buffer, UINT64 Length) {
+  UINT32 Offset;
+  if (!FlashOffset(Address, Length, Offset)) {
+    return EFI_INVALID_PARAMETER;
+  }
+  return Flash.Program(Offset, Buffer, static_cast<UINT32>(Length));
+}
+
+EFI_STATUS EmuPlatform::EraseFlashAt(UINT64 Address, UINT64 Length) {
+  UINT32 Offset;
+  if (!FlashOffset(Address, Length, Offset)) {
+    return EFI_INVALID_PARAMETER;
+  }
+  return Flash.EraseSectors(Offset, static_cast<UINT32>(Length));
 }
 
 void EmuPlatform::Record(const char *Name, UINT64 A0, UINT64 A1, UINT64 A2, UINT64 A3) {

@@ -7,6 +7,10 @@
 #include "../src/base/PlatformProtocols.h"
 #include "../src/base/Uefi.h"
 #include "EmuFlashChip.h"
+#include "EmuFlashPlatform.h"
+#include "EmuSoc.h"
+#include "EmuHub.h"
+#include "EmuSettings.h"
 
 struct EmuPortAccess {
   UINT16 Port;
@@ -53,12 +57,15 @@ struct EmuMemory {
 };
 
 struct EmuLayout {
-  UINT32 EcSize;          // bytes of the EC firmware store
+  UINT32 EcSize;          // bytes of the image's EC part (kept in the EC store at the same offsets)
   UINT32 LowerFlashSize;  // flash part just below the mapped window
   UINT32 MappedFlashSize;  // part mapped below 4 GiB, ending at 0xFFFFFFFF
+  UINT32 EcStoreSize;     // bytes of the EC firmware store; at least EcSize
 };
 
-constexpr EmuLayout kDefaultEmuLayout = {0x20000, 0x0, 0x01000000};
+// The reference platform: the image is the 16 MiB mapped at 0xFF000000 (no EC part, no
+// lower part); the EC keeps its own 128 KiB firmware store.
+constexpr EmuLayout kDefaultEmuLayout = {0x0, 0x0, EmuFlashLayout::kMappedSize, EmuFlashLayout::kEcStoreSize};
 
 class EmuPlatform {
 public:
@@ -108,15 +115,22 @@ public:
   EmuCpuidEntry Cpuid[kCpuidCapacity] = {};
   UINTN CpuidCount = 0;
   void SetCpuid(UINT32 Leaf, UINT32 SubLeaf, UINT32 Eax, UINT32 Ebx, UINT32 Ecx, UINT32 Edx);
+  EmuSoc Soc;  // processor signature, wide flash window, SMN registers, simulator escape
 
   // ---- Flash: one chip covering the lower part and the mapped part, plus the EC store ------
   EmuLayout Layout = {};
   EmuFlashChip Flash;
   UINT64 FlashBaseAddress = 0;  // flash address of chip offset 0
   UINT8 *EcStore = nullptr;
+  UINT32 EcStoreSize = 0;  // the larger of the layout's EcSize and EcStoreSize
+  EmuFlashPlatform FlashPlatform;  // geometry, protected-region lists, query protocols
   // Chip offset of a flash address range, or FALSE when it is not on the chip.
   BOOLEAN FlashOffset(UINT64 Address, UINT64 Length, UINT32 &Offset) const;
   const UINT8 *MappedFlash(UINT64 Address, UINT64 Length) const;
+  // Program or erase by flash address, as every flash interface of the platform does;
+  // EFI_INVALID_PARAMETER when the range is not on the chip.
+  EFI_STATUS ProgramFlashAt(UINT64 Address, const VOID *Buffer, UINT64 Length);
+  EFI_STATUS EraseFlashAt(UINT64 Address, UINT64 Length);
 
   // ---- Platform protocols -----------------------------------------------------------------
   PlatformConfigProtocol *Config = nullptr;
@@ -126,10 +140,15 @@ public:
   BootBlockHandlerProtocol *BootBlockHandler = nullptr;
   UpdateLogProtocol *UpdateLog = nullptr;
   UINT8 *UpdateStatusBlock = nullptr;  // what the configuration block points to at 0xED
+  EmuSettings Settings;                // setup data, security setup and the SMM settings services
 
   // Values the platform's dynamic PCDs answer.
   BOOLEAN PcdBootBlockUpdateEnabled = TRUE;
   UINT8 PcdAmdLibrarySetting = 0;
+  // Where the platform keeps a copy of the flash map (gFlashMapTokenSpaceGuid 0x30000017/18).
+  UINT64 PcdFlashMapAddress = 0xFF0EA000;
+  UINT64 PcdFlashMapSize = 0x1000;
+  EmuHubServices Hub;  // the callback-hub registry and the pointer-registration service
 
   // ---- Call log of every platform protocol member -----------------------------------------
   EmuCall *Calls = nullptr;
@@ -152,7 +171,12 @@ struct EmuInstallOptions {
   BOOLEAN FlashDevice = TRUE;
   BOOLEAN BootBlockHandler = TRUE;
   BOOLEAN UpdateLog = TRUE;
+  BOOLEAN QueryNotify = TRUE;
+  BOOLEAN LowerFlashAccess = TRUE;
+  BOOLEAN PostQuery = TRUE;
   BOOLEAN PlatformHandle = TRUE;
+  BOOLEAN CallbackHub = TRUE;          // a registry another driver already created
+  BOOLEAN PointerRegistration = TRUE;  // the runtime core's pointer-registration service
 };
 EFI_STATUS EmuInstallProtocols(EmuPlatform &Platform, EFI_BOOT_SERVICES *BootServices,
                                const EmuInstallOptions &Options);

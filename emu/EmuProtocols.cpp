@@ -13,20 +13,12 @@ UINT64 Ptr(const VOID *Pointer) { return reinterpret_cast<UINT64>(Pointer); }
 // ---- Flash device interface ----------------------------------------------------------------
 EFI_STATUS EFIAPI FlashDeviceWrite(UINTN Address, const VOID *Buffer, UINTN Length) {
   P().Record("FlashDeviceWrite", Address, Ptr(Buffer), Length);
-  UINT32 Offset;
-  if (!P().FlashOffset(Address, Length, Offset)) {
-    return EFI_INVALID_PARAMETER;
-  }
-  return P().Flash.Program(Offset, Buffer, static_cast<UINT32>(Length));
+  return P().ProgramFlashAt(Address, Buffer, Length);
 }
 
 EFI_STATUS EFIAPI FlashDeviceErase(UINTN Address, UINTN Length) {
   P().Record("FlashDeviceErase", Address, Length);
-  UINT32 Offset;
-  if (!P().FlashOffset(Address, Length, Offset)) {
-    return EFI_INVALID_PARAMETER;
-  }
-  return P().Flash.EraseSectors(Offset, static_cast<UINT32>(Length));
+  return P().EraseFlashAt(Address, Length);
 }
 
 EFI_STATUS EFIAPI FlashDeviceDelay(UINTN Units) {
@@ -82,7 +74,7 @@ EFI_STATUS EFIAPI WriteFlash(UINT8 Type, UINT32 Address, const VOID *Buffer, UIN
 
 EFI_STATUS EFIAPI ReadEc(VOID *Buffer, UINT32 Offset, UINT32 Length) {
   P().Record("ReadEc", Ptr(Buffer), Offset, Length);
-  UINT32 Size = P().Layout.EcSize;
+  UINT32 Size = P().EcStoreSize;
   if (Offset > Size || Length > Size - Offset || (Buffer == nullptr && Length != 0)) {
     return EFI_INVALID_PARAMETER;
   }
@@ -92,7 +84,7 @@ EFI_STATUS EFIAPI ReadEc(VOID *Buffer, UINT32 Offset, UINT32 Length) {
 
 EFI_STATUS EFIAPI WriteEc(const VOID *Buffer, UINT32 Length, UINT32 Offset) {
   P().Record("WriteEc", Ptr(Buffer), Length, Offset);
-  UINT32 Size = P().Layout.EcSize;
+  UINT32 Size = P().EcStoreSize;
   if (Offset > Size || Length > Size - Offset || (Buffer == nullptr && Length != 0)) {
     return EFI_INVALID_PARAMETER;
   }
@@ -102,32 +94,6 @@ EFI_STATUS EFIAPI WriteEc(const VOID *Buffer, UINT32 Length, UINT32 Offset) {
 
 EFI_STATUS EFIAPI SetUpdateInProgress(UINT8 Value) {
   P().Record("SetUpdateInProgress", Value);
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI GetNormalSkipRegions(PlatformSkipRange **List, UINT8 *Count) {
-  P().Record("GetNormalSkipRegions", Ptr(List), Ptr(Count));
-  *List = nullptr;
-  *Count = 0;
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI GetAlwaysSkipRegions(PlatformSkipRange **List, UINT8 *Count) {
-  P().Record("GetAlwaysSkipRegions", Ptr(List), Ptr(Count));
-  *List = nullptr;
-  *Count = 0;
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI GetFlashInfo(FlashInfo *Info) {
-  P().Record("GetFlashInfo", Ptr(Info));
-  const EmuLayout &Layout = P().Layout;
-  ZeroMem(Info, sizeof(*Info));
-  Info->BlockSize = 0x10000;
-  Info->BlockCount = static_cast<UINT16>((Layout.EcSize + Layout.LowerFlashSize + Layout.MappedFlashSize) / 0x10000);
-  Info->EcSize = Layout.EcSize;
-  Info->MappedFlashSize = Layout.MappedFlashSize;
-  Info->LowerFlashSize = Layout.LowerFlashSize;
   return EFI_SUCCESS;
 }
 
@@ -211,9 +177,6 @@ void EmuFillProtocols(EmuPlatform &Platform) {
   Service.ReadEc = ReadEc;
   Service.WriteEc = WriteEc;
   Service.SetUpdateInProgress = SetUpdateInProgress;
-  Service.GetNormalSkipRegions = GetNormalSkipRegions;
-  Service.GetAlwaysSkipRegions = GetAlwaysSkipRegions;
-  Service.GetFlashInfo = GetFlashInfo;
   Service.Member454 = FlashServiceMember454;
   Service.SetDebugCodeDisplay = SetDebugCodeDisplay;
   Service.Member51C = FlashServiceMember51C;
@@ -245,7 +208,13 @@ EFI_STATUS EmuInstallProtocols(EmuPlatform &Platform, EFI_BOOT_SERVICES *BootSer
       {Options.FlashDevice, &gPlatformFlashDeviceProtocolGuid, Platform.FlashDevice},
       {Options.BootBlockHandler, &gBootBlockHandlerProtocolGuid, Platform.BootBlockHandler},
       {Options.UpdateLog, &gUpdateLogProtocolGuid, Platform.UpdateLog},
+      {Options.QueryNotify, &gQueryNotifyProtocolGuid, &Platform.FlashPlatform.QueryNotify},
+      {Options.LowerFlashAccess, &gLowerFlashAccessProtocolGuid, &Platform.FlashPlatform.LowerFlashAccess},
+      {Options.PostQuery, &gPostQueryProtocolGuid, &Platform.FlashPlatform.PostQuery},
+      {Options.CallbackHub, &gCallbackHubProtocolGuid, &Platform.Hub.Registry},
+      {Options.PointerRegistration, &gPointerRegistrationProtocolGuid, &Platform.Hub.PointerRegistration},
   };
+  Platform.Hub.Initialize();
   for (const Entry &Item : Entries) {
     if (Item.Wanted) {
       EFI_STATUS Status = Install(BootServices, *Item.Guid, Item.Interface);

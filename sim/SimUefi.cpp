@@ -169,6 +169,15 @@ EFI_STATUS EFIAPI SmmLocateProtocol(EFI_GUID *Protocol, VOID *Registration, VOID
   (void)Registration;
   return S().DoSmmLocateProtocol(Protocol, Interface);
 }
+EFI_STATUS EFIAPI SmmInstallProtocolInterface(EFI_HANDLE *Handle, EFI_GUID *Protocol, EFI_INTERFACE_TYPE Type,
+                                              VOID *Interface) {
+  (void)Type;
+  return S().DoSmmInstallProtocolInterface(Handle, Protocol, Interface);
+}
+EFI_STATUS EFIAPI SmmAllocatePool(EFI_MEMORY_TYPE Type, UINTN Size, VOID **Buffer) {
+  return S().DoAllocatePool(Type, Size, Buffer);
+}
+EFI_STATUS EFIAPI SmmFreePool(VOID *Buffer) { return S().DoFreePool(Buffer); }
 
 bool SameGuid(const EFI_GUID &First, const EFI_GUID &Second) { return std::memcmp(&First, &Second, sizeof(EFI_GUID)) == 0; }
 
@@ -246,6 +255,9 @@ SimUefi::SimUefi() {
   SmmBase2_.InSmm = ::SmmInSmm;
   SmmBase2_.GetSmstLocation = SmmGetSmstLocation;
   Smst_.SmmLocateProtocol = SmmLocateProtocol;
+  Smst_.SmmInstallProtocolInterface = reinterpret_cast<VOID *>(&::SmmInstallProtocolInterface);
+  Smst_.SmmAllocatePool = reinterpret_cast<VOID *>(&::SmmAllocatePool);
+  Smst_.SmmFreePool = reinterpret_cast<VOID *>(&::SmmFreePool);
 
   ImageHandle_ = NewHandle();
   LoadedImage_.Revision = EFI_IMAGE_INFORMATION_REVISION;
@@ -742,6 +754,20 @@ void SimUefi::InstallSmmBase2(BOOLEAN InSmm) {
   SmmInSmm_ = InSmm;
   EFI_HANDLE Handle = nullptr;
   Install(&Handle, gEfiSmmBase2ProtocolGuid, &SmmBase2_);
+}
+
+EFI_STATUS SimUefi::DoSmmInstallProtocolInterface(EFI_HANDLE *Handle, EFI_GUID *Protocol, VOID *Interface) {
+  if (Handle == nullptr || Protocol == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
+  if (SmmProtocols_.count(GuidKey(*Protocol)) != 0) {
+    return EFI_INVALID_PARAMETER;
+  }
+  if (*Handle == nullptr) {
+    *Handle = NewHandle();
+  }
+  SmmProtocols_[GuidKey(*Protocol)] = Interface;
+  return EFI_SUCCESS;
 }
 
 EFI_STATUS SimUefi::DoSmmLocateProtocol(EFI_GUID *Protocol, VOID **Interface) {

@@ -113,6 +113,12 @@ public:
   EFI_STATUS DoOutputString(CHAR16 *Text);
   UINT64 PcdValue(const EFI_GUID *TokenSpace, UINTN Token, const char *Getter);
   EFI_STATUS DoSmmLocateProtocol(EFI_GUID *Protocol, VOID **Interface);
+  // The SMM protocol database holds one interface per GUID.
+  EFI_STATUS DoSmmInstallProtocolInterface(EFI_HANDLE *Handle, EFI_GUID *Protocol, VOID *Interface);
+  VOID *SmmInterface(const EFI_GUID &Guid) const {
+    auto Found = SmmProtocols_.find(GuidKey(Guid));
+    return Found == SmmProtocols_.end() ? nullptr : Found->second;
+  }
   BOOLEAN SmmInSmm() const { return SmmInSmm_; }
   EFI_SMM_SYSTEM_TABLE2 *Smst() { return &Smst_; }
 

@@ -5,7 +5,7 @@
 #include "../EmuPlatform.h"
 
 const EmuMemory &EmuHostMemory();
-// Frees everything EmuHostMemory() handed out since the last call.
+// Takes back everything EmuHostMemory() handed out since the last call (kept for reuse).
 void EmuHostMemoryReleaseAll();
 // A block below 4 GiB for tests (an image that a 32-bit variable points to).
 VOID *EmuHostAllocateBelow4G(UINTN Size);

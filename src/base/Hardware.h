@@ -18,6 +18,9 @@ struct CpuidResult {
   UINT32 Eax, Ebx, Ecx, Edx;
 };
 CpuidResult Cpuid(UINT32 Leaf, UINT32 SubLeaf);
+// CPUID with EBX and ESI loaded too (ECX 0): the escape a simulator answers in ESI, which a
+// real processor leaves as it was. Returns ESI after the instruction.
+UINT32 CpuidEscape(UINT32 Leaf, UINT32 Ebx, UINT32 Esi);
 
 // Base address of the interrupt descriptor table (SIDT).
 UINT64 IdtBase();
@@ -49,5 +52,8 @@ void PciExpressWrite32(UINT64 Address, UINT32 Value);
 // Stops the processor for good (assertion reports on hardware). The emulated
 // binding records the request and returns.
 void CpuDeadLoop();
+// The same stop, running Round over and over (a fatal-error display); the emulated binding
+// records the request, runs Round once and returns.
+void CpuDeadLoop(void (*Round)(VOID *Context), VOID *Context);
 
 }  // namespace Hw

@@ -62,6 +62,12 @@ struct EFI_FFS_FILE_HEADER2 {
 static_assert(sizeof(EFI_FFS_FILE_HEADER2) == 32);
 
 constexpr UINT8 FFS_ATTRIB_LARGE_FILE = 0x01;
+constexpr UINT8 FFS_ATTRIB_CHECKSUM = 0x40;  // FileChecksum covers the data; else it is FFS_FIXED_CHECKSUM
+constexpr UINT8 FFS_FIXED_CHECKSUM = 0xAA;
+constexpr UINT8 EFI_FV_FILETYPE_PEIM = 0x06;
+constexpr UINT8 EFI_FV_FILETYPE_DRIVER = 0x07;
+constexpr UINT8 EFI_SECTION_RAW = 0x19;
+constexpr UINT8 EFI_FVH_REVISION = 0x02;
 constexpr UINT8 EFI_FV_FILETYPE_RAW = 0x01;
 constexpr UINT8 EFI_FV_FILETYPE_FREEFORM = 0x02;
 constexpr UINT8 EFI_FV_FILETYPE_FFS_PAD = 0xF0;

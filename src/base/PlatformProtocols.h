@@ -6,6 +6,17 @@
 
 #pragma pack(push, 1)
 
+// ---- Setup data description (flash device member 1, SMM flash member 1) -----------------
+// Where the platform's setup data lies and the table of its fields' offsets into it.
+struct SetupDataDescription {
+  UINT64 Opaque00;
+  UINT8 *SetupData;  // 0x08: base of the setup data
+  UINT64 Opaque10;
+  const UINT16 *FieldOffsets;  // 0x18: u16 offset of each setup field from SetupData
+};
+static_assert(offsetof(SetupDataDescription, SetupData) == 0x08);
+static_assert(offsetof(SetupDataDescription, FieldOffsets) == 0x18);
+
 // ---- Flash device interface (gPlatformFlashDeviceProtocolGuid): 8-byte slots -------------
 typedef EFI_STATUS(EFIAPI *PLATFORM_FLASH_DEVICE_WRITE)(UINTN Address, const VOID *Buffer, UINTN Length);
 typedef EFI_STATUS(EFIAPI *PLATFORM_FLASH_DEVICE_ERASE)(UINTN Address, UINTN Length);
@@ -13,7 +24,9 @@ typedef EFI_STATUS(EFIAPI *PLATFORM_FLASH_DEVICE_DELAY)(UINTN Units);
 typedef EFI_STATUS(EFIAPI *PLATFORM_FLASH_DEVICE_MEMBER)(VOID *This);
 
 struct PlatformFlashDeviceProtocol {
-  VOID *Slot[20];
+  VOID *Slot0;
+  SetupDataDescription *SetupData;  // member 1
+  VOID *Slot2[18];
   PLATFORM_FLASH_DEVICE_WRITE FlashDeviceWrite;  // member 20
   VOID *Slot21;
   PLATFORM_FLASH_DEVICE_ERASE FlashDeviceErase;  // member 22
@@ -23,6 +36,7 @@ struct PlatformFlashDeviceProtocol {
   PLATFORM_FLASH_DEVICE_DELAY FlashDeviceDelay;  // member 29
   VOID *Slot30[10];
 };
+static_assert(offsetof(PlatformFlashDeviceProtocol, SetupData) == 1 * 8);
 static_assert(offsetof(PlatformFlashDeviceProtocol, FlashDeviceWrite) == 20 * 8);
 static_assert(offsetof(PlatformFlashDeviceProtocol, FlashDeviceErase) == 22 * 8);
 static_assert(offsetof(PlatformFlashDeviceProtocol, PrepareSetupData) == 24 * 8);
@@ -30,12 +44,17 @@ static_assert(offsetof(PlatformFlashDeviceProtocol, FlashDeviceDelay) == 29 * 8)
 
 // The SMM flash interface (gSettingsSmmFlashGuid) counts its members the same way.
 struct SettingsSmmFlashProtocol {
-  VOID *Slot[18];
+  VOID *Slot0;
+  SetupDataDescription *SetupData;                // member 1
+  PLATFORM_FLASH_DEVICE_MEMBER PrepareSetupData;  // member 2
+  VOID *Slot3[15];
   PLATFORM_FLASH_DEVICE_WRITE Write;  // member 18
   PLATFORM_FLASH_DEVICE_ERASE Erase;  // member 19
   PLATFORM_FLASH_DEVICE_DELAY Delay;  // member 20
   VOID *Slot21[11];
 };
+static_assert(offsetof(SettingsSmmFlashProtocol, SetupData) == 1 * 8);
+static_assert(offsetof(SettingsSmmFlashProtocol, PrepareSetupData) == 2 * 8);
 static_assert(offsetof(SettingsSmmFlashProtocol, Write) == 18 * 8);
 static_assert(offsetof(SettingsSmmFlashProtocol, Erase) == 19 * 8);
 static_assert(offsetof(SettingsSmmFlashProtocol, Delay) == 20 * 8);
@@ -59,8 +78,8 @@ struct PlatformConfigProtocol {
   UINT64 ReplacementResetEntry;  // 0x9D
   UINT8 Opaque0A5[0xAD - 0xA5];
   PlatformFlashDeviceProtocol *FlashDevice;  // 0xAD
-  UINT32 StateWord;                          // 0xB5
-  UINT32 StateWord2;                         // 0xB9
+  UINT32 EcImageOffset;                      // 0xB5: state word, EC firmware offset in the EC store
+  UINT32 EcImageSize;                        // 0xB9: second state word, EC firmware size
   UINT8 Opaque0BD[0xCD - 0xBD];
   PLATFORM_CONFIG_IMAGE_CHECK FirstImageCheck;  // 0xCD
   UINT8 Opaque0D5[0xED - 0xD5];
@@ -80,8 +99,8 @@ static_assert(offsetof(PlatformConfigProtocol, BiosIdAreaAddress) == 0x7D);
 static_assert(offsetof(PlatformConfigProtocol, BiosIdAreaSize) == 0x81);
 static_assert(offsetof(PlatformConfigProtocol, ReplacementResetEntry) == 0x9D);
 static_assert(offsetof(PlatformConfigProtocol, FlashDevice) == 0xAD);
-static_assert(offsetof(PlatformConfigProtocol, StateWord) == 0xB5);
-static_assert(offsetof(PlatformConfigProtocol, StateWord2) == 0xB9);
+static_assert(offsetof(PlatformConfigProtocol, EcImageOffset) == 0xB5);
+static_assert(offsetof(PlatformConfigProtocol, EcImageSize) == 0xB9);
 static_assert(offsetof(PlatformConfigProtocol, FirstImageCheck) == 0xCD);
 static_assert(offsetof(PlatformConfigProtocol, UpdateStatusBlock) == 0xED);
 static_assert(offsetof(PlatformConfigProtocol, Flags) == 0x135);
@@ -91,15 +110,27 @@ static_assert(offsetof(PlatformConfigProtocol, VerifyOperation) == 0x27E);
 
 constexpr UINT8 kPlatformConfigAlternativeFlag = 0x40;
 
+// The platform's security setup, reached from PlatformDataBlock (and, in SMM, from the
+// settings service's member 55); byte 0x578 is 1 when physical presence recording is on.
+struct SecuritySetupBlock {
+  UINT8 Opaque000[0x578];
+  UINT8 PpRecordingSwitch;  // 0x578
+  UINT8 Opaque579[7];
+};
+static_assert(offsetof(SecuritySetupBlock, PpRecordingSwitch) == 0x578);
+
 // ---- Platform data block behind PlatformFlashServiceProtocol offset 0x08 -----------------
 struct PlatformDataBlock {
   UINT8 Opaque000[0x174];
   UINT8 CmosIndexPort;  // 0x174: first argument of every CMOS access
   UINT8 CmosDataPort;   // 0x175: second argument
-  UINT8 Opaque176[0x600 - 0x176];
+  UINT8 Opaque176[0x3A5 - 0x176];
+  SecuritySetupBlock *SecuritySetup;  // 0x3A5
+  UINT8 Opaque3AD[0x600 - 0x3AD];
 };
 static_assert(offsetof(PlatformDataBlock, CmosIndexPort) == 0x174);
 static_assert(offsetof(PlatformDataBlock, CmosDataPort) == 0x175);
+static_assert(offsetof(PlatformDataBlock, SecuritySetup) == 0x3A5);
 
 // ---- Platform flash service (gPlatformFlashServiceProtocolGuid) --------------------------
 #pragma pack(push, 1)
@@ -142,7 +173,7 @@ typedef EFI_STATUS(EFIAPI *PLATFORM_SET_DEBUG_CODE_DISPLAY)(VOID *TextOut, BOOLE
 typedef EFI_STATUS(EFIAPI *PLATFORM_GENERIC_MEMBER)(UINT64 Argument);
 
 struct PlatformFlashServiceProtocol {
-  UINT8 Opaque000[0x08];
+  UINT8 *SetupRecord;               // 0x00: the platform's setup record (two layouts)
   PlatformDataBlock *PlatformData;  // 0x08
   UINT8 Opaque010[0x23 - 0x10];
   UINT8 SettingsFlags;  // 0x23: bit 0 SettingsBackupSupported
@@ -171,6 +202,7 @@ struct PlatformFlashServiceProtocol {
   PLATFORM_GENERIC_MEMBER Member51C;  // 0x51C
   UINT8 Opaque524[0x20];
 };
+static_assert(offsetof(PlatformFlashServiceProtocol, SetupRecord) == 0x00);
 static_assert(offsetof(PlatformFlashServiceProtocol, PlatformData) == 0x08);
 static_assert(offsetof(PlatformFlashServiceProtocol, SettingsFlags) == 0x23);
 static_assert(offsetof(PlatformFlashServiceProtocol, FlashCapabilities) == 0x31);
@@ -187,6 +219,63 @@ static_assert(offsetof(PlatformFlashServiceProtocol, GetFlashInfo) == 0x38C);
 static_assert(offsetof(PlatformFlashServiceProtocol, Member454) == 0x454);
 static_assert(offsetof(PlatformFlashServiceProtocol, SetDebugCodeDisplay) == 0x50C);
 static_assert(offsetof(PlatformFlashServiceProtocol, Member51C) == 0x51C);
+
+// ---- SMM settings service (gSettingsSmmServiceGuid) and SMM setup (gPlatformSetupSmmGuid) -
+// Member 55 leads to a block whose pointer at 0x328 names the security setup block.
+struct SmmSecuritySetupLink {
+  UINT8 Opaque000[0x328];
+  SecuritySetupBlock *SecuritySetup;  // 0x328
+};
+static_assert(offsetof(SmmSecuritySetupLink, SecuritySetup) == 0x328);
+
+struct SettingsSmmServiceProtocol {
+  UINT8 Opaque000[19];
+  UINT8 SettingsFlags;  // 19: bit 0 SettingsBackupSupported
+  UINT8 Opaque014[0x21 - 0x14];
+  UINT8 SetupFlags;  // 0x21: bit 1 selects the security setup block for the recording switch
+  UINT8 Opaque022[38 - 0x22];
+  UINT8 VerifyFlags;  // 38: bit 1 DigestProtection
+  UINT8 Opaque027[54 * 8 - 39];
+  SettingsSmmFlashProtocol *Flash;     // member 54
+  SmmSecuritySetupLink *SecurityLink;  // member 55
+  VOID *Slot56[8];
+};
+static_assert(offsetof(SettingsSmmServiceProtocol, SettingsFlags) == 19);
+static_assert(offsetof(SettingsSmmServiceProtocol, SetupFlags) == 0x21);
+static_assert(offsetof(SettingsSmmServiceProtocol, VerifyFlags) == 38);
+static_assert(offsetof(SettingsSmmServiceProtocol, Flash) == 54 * 8);
+static_assert(offsetof(SettingsSmmServiceProtocol, SecurityLink) == 55 * 8);
+
+struct PlatformSetupSmmProtocol {
+  UINT8 Opaque000[0x79];
+  UINT8 *SetupRecord;  // 0x79
+  UINT8 Opaque081[7];
+};
+static_assert(offsetof(PlatformSetupSmmProtocol, SetupRecord) == 0x79);
+
+// ---- Protocols the image query consults -------------------------------------------------
+typedef EFI_STATUS(EFIAPI *PLATFORM_NOTIFY_MEMBER)(VOID);
+typedef UINT8(EFIAPI *LOWER_FLASH_ACCESS_QUERY)(VOID);
+
+// gQueryNotifyProtocolGuid: told that a query ran (member 38).
+struct QueryNotifyProtocol {
+  VOID *Slot[38];
+  PLATFORM_NOTIFY_MEMBER QueryNotify;  // 0x130
+};
+static_assert(offsetof(QueryNotifyProtocol, QueryNotify) == 0x130);
+
+// gLowerFlashAccessProtocolGuid: answers whether the lower flash part may be written (member 3).
+struct LowerFlashAccessProtocol {
+  VOID *Slot[3];
+  LOWER_FLASH_ACCESS_QUERY IsLowerFlashWritable;  // 0x18
+};
+static_assert(offsetof(LowerFlashAccessProtocol, IsLowerFlashWritable) == 0x18);
+
+// gPostQueryProtocolGuid: called at the end of a query outside recovery boots (member 0).
+struct PostQueryProtocol {
+  PLATFORM_NOTIFY_MEMBER PostQuery;
+};
+static_assert(offsetof(PostQueryProtocol, PostQuery) == 0);
 
 // ---- Boot-block handler (gBootBlockHandlerProtocolGuid) ----------------------------------
 typedef EFI_STATUS(EFIAPI *BOOT_BLOCK_HANDLER_MEMBER)(VOID);

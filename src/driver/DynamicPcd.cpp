@@ -31,6 +31,11 @@ UINT8 PcdGet8(const EFI_GUID *TokenSpace, UINTN TokenNumber) {
   return Pcd == nullptr ? 0 : Pcd->Get8(TokenSpace, TokenNumber);
 }
 
+UINT64 PcdGet64(const EFI_GUID *TokenSpace, UINTN TokenNumber) {
+  EFI_PCD_PROTOCOL *Pcd = PcdProtocol();
+  return Pcd == nullptr ? 0 : Pcd->Get64(TokenSpace, TokenNumber);
+}
+
 #if defined(BIOS_HOST_BUILD)
 void ResetDynamicPcdForTest() { mPcd = nullptr; }
 #endif

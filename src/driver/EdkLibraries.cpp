@@ -6,6 +6,7 @@
 #include "../base/Guids.h"
 #include "../base/Hardware.h"
 #include "../base/Hob.h"
+#include "../psp/Soc.h"
 #include "Config.h"
 #include "DynamicPcd.h"
 #include "LibraryList.h"
@@ -150,12 +151,15 @@ EFI_STATUS EFIAPI S3BootScriptLibInitialize(EFI_HANDLE, EFI_SYSTEM_TABLE *) { re
 EFI_STATUS EFIAPI S3BootScriptLibDeinitialize(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
 EFI_STATUS EFIAPI AmdS3SaveLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
 EFI_STATUS EFIAPI AmdS3SaveLibDestructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI AmdCfgPcdBufLibDxeConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
 EFI_STATUS EFIAPI AmdHeapConfigLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
 
 EFI_STATUS EFIAPI AmdBaseLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) {
-  // The AMD library reads its setting byte at start; the driver keeps nothing of it.
+  // The AMD library reads its setting byte and identifies the processor in the SoC
+  // information table at start; the driver keeps nothing of either (the PSP code looks the
+  // processor up again when it needs it).
   (void)PcdGet8(&gAmdPcdTokenSpaceGuid, kAmdLibrarySettingToken);
+  const SocInfo *Info = nullptr;
+  (void)FindSocInfo(&Info);
   return EFI_SUCCESS;
 }
 

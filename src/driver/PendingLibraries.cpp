@@ -2,17 +2,6 @@
 // start-up order and does nothing yet; a subsystem that implements its step removes it here.
 #include "LibraryList.h"
 
-EFI_STATUS EFIAPI CallbackHubLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI PointerRegistrationLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI PointerRegistrationLibDestructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI FlashMapLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI FlashMapLibDestructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI VariableStorePointerLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI VariableStorePointerLibDestructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI PlatformPointerRegistrationConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI PlatformPointerRegistrationDestructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
 EFI_STATUS EFIAPI CmosToRomStart(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI SecuritySettingsLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI SecuritySettingsLibDestructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
 EFI_STATUS EFIAPI CriticalDataAuthVarLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }
 EFI_STATUS EFIAPI CriticalDataAuthVarLibDestructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) { return EFI_SUCCESS; }

@@ -3,13 +3,6 @@
 #include "BiosImageInterface.h"
 #include "Trace.h"
 
-EFI_STATUS EFIAPI BiosQueryImage(BiosImageInterfaceProtocol *This, VOID *QueryRecord) {
-  (void)This;
-  (void)QueryRecord;
-  TRACE("  BiosImageInterfaceProtocol->BiosQueryImage Entry");
-  return EFI_UNSUPPORTED;
-}
-
 EFI_STATUS EFIAPI BiosReadImage(BiosImageInterfaceProtocol *This, UINT64 Unused, VOID **Buffer) {
   (void)This;
   (void)Unused;

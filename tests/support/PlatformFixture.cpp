@@ -5,22 +5,37 @@
 #include "../../src/base/Guids.h"
 #include "../../src/base/Hob.h"
 #include "../../src/base/SmmServices.h"
+#include "../../src/driver/CallbackHub.h"
 #include "../../src/driver/Config.h"
 #include "../../src/driver/DriverState.h"
 #include "../../src/driver/DynamicPcd.h"
 #include "../../src/driver/Entry.h"
+#include "../../src/driver/FlashMap.h"
+#include "../../src/driver/PointerRegistration.h"
+#include "../../src/driver/VariableStorePointers.h"
+#include "../../src/flash/FlashState.h"
 #include "../../src/platform/Cmos.h"
+#include "../../src/psp/PspState.h"
+#include "../../src/verify/SecuritySettings.h"
 
 void ResetEdkLibrariesForTest();
 
 void ResetAllDriverStateForTest() {
   ResetConfigForTest();
   ResetDriverStateForTest();
+  ResetFlashStateForTest();
+  // These give pool memory back, so they run while gBS is still set.
+  ResetCallbackHubForTest();
+  ResetFlashMapForTest();
+  ResetPointerRegistrationForTest();
+  ResetVariableStorePointersForTest();
+  ResetPspStateForTest();
   ResetGlobalsForTest();
   ResetHobCacheForTest();
   ResetSmmStateForTest();
   ResetDynamicPcdForTest();
   ResetCmosStateForTest();
+  ResetSecuritySettingsForTest();
   ResetEdkLibrariesForTest();
 }
 
@@ -34,6 +49,8 @@ PlatformFixture::PlatformFixture() {
   gEmuPlatform = Platform;
   Sim.SetPcd(gPlatformPcdTokenSpaceGuid, 0x0A04, Platform->PcdBootBlockUpdateEnabled);
   Sim.SetPcd(gAmdPcdTokenSpaceGuid, 0x95940054, Platform->PcdAmdLibrarySetting);
+  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, Platform->PcdFlashMapAddress);
+  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapSizeToken, Platform->PcdFlashMapSize);
 }
 
 PlatformFixture::~PlatformFixture() {

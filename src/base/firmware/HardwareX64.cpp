@@ -35,6 +35,12 @@ CpuidResult Cpuid(UINT32 Leaf, UINT32 SubLeaf) {
   return Result;
 }
 
+UINT32 CpuidEscape(UINT32 Leaf, UINT32 Ebx, UINT32 Esi) {
+  UINT32 Eax = Leaf, Ecx = 0, Edx;
+  __asm__ __volatile__("cpuid" : "+a"(Eax), "+b"(Ebx), "+c"(Ecx), "=d"(Edx), "+S"(Esi));
+  return Esi;
+}
+
 UINT64 IdtBase() {
   struct __attribute__((packed)) {
     UINT16 Limit;
@@ -93,6 +99,12 @@ void PciExpressWrite32(UINT64 Address, UINT32 Value) { *reinterpret_cast<volatil
 void CpuDeadLoop() {
   for (;;) {
     __asm__ __volatile__("cli; hlt");
+  }
+}
+
+void CpuDeadLoop(void (*Round)(VOID *Context), VOID *Context) {
+  for (;;) {
+    Round(Context);
   }
 }
 

@@ -1,0 +1,432 @@
+// The callback hub as other drivers see it: the registry found or published at start, nodes
+// created by a first signal, dispatch over the five lists with the stop bit, nesting and
+// deferred removal, and the five hook points with their records. The test plays the other
+// drivers: it registers callback entries by the documented byte offsets.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "../../src/base/Globals.h"
+#include "../../src/base/Guids.h"
+#include "../../src/driver/CallbackHub.h"
+#include "../../src/driver/Config.h"
+#include "../../src/driver/DriverState.h"
+#include "../../src/driver/HookPoints.h"
+#include "../../src/driver/LibraryList.h"
+#include "../support/PlatformFixture.h"
+
+namespace {
+
+// The entry layout as a registering driver writes it.
+constexpr size_t kEntryLink = 0x08;
+constexpr size_t kEntryCallback = 0x40;
+constexpr size_t kEntryRemoved = 0x60;
+constexpr size_t kEntryBytes = 0x70;  // 0x61 used; the rest is the registering driver's
+constexpr size_t kNodeLists = 0x18;
+
+const EFI_GUID kTestHook = {0x1d6e2a40, 0x5c1b, 0x4f0e, {0x9a, 0x11, 0x42, 0x7c, 0x0b, 0x66, 0x3e, 0x01}};
+const EFI_GUID kOtherHook = {0x1d6e2a40, 0x5c1b, 0x4f0e, {0x9a, 0x11, 0x42, 0x7c, 0x0b, 0x66, 0x3e, 0x02}};
+
+struct TestRecord {
+  UINT32 Size;
+  UINT32 Status;
+  UINT64 Payload;
+};
+
+class CallbackHubTest;
+CallbackHubTest *gTest = nullptr;
+
+// What a callback does when called, by the entry's tag (kept in the registering driver's bytes).
+struct Behaviour {
+  UINT32 SetStatus = 0;          // OR-ed into the record's Status
+  bool SignalNested = false;     // signals the same hook again with NestedRecord
+  std::vector<UINT8 *> Remove;  // entries to mark Removed
+};
+
+class CallbackHubTest : public PlatformFixture {
+protected:
+  CallbackHubTest() { gTest = this; }
+  ~CallbackHubTest() override { gTest = nullptr; }
+  void SetUp() override { ASSERT_EQ(StartDriver(), EFI_SUCCESS); }
+
+  UINT8 *Node(const EFI_GUID &Guid) {
+    if (HookFind(&Guid) == nullptr) {
+      TestRecord Create = {sizeof(TestRecord), 0, 0};
+      EXPECT_EQ(HookSignal(&Guid, &Create), EFI_SUCCESS);
+    }
+    return reinterpret_cast<UINT8 *>(HookFind(&Guid));
+  }
+
+  // Allocates an entry from pool (the hub frees removed entries there) and appends it to a list.
+  UINT8 *Register(const EFI_GUID &Guid, size_t List, int Tag) {
+    VOID *Memory = nullptr;
+    EXPECT_EQ(gBS->AllocatePool(EfiBootServicesData, kEntryBytes, &Memory), EFI_SUCCESS);
+    auto *Entry = static_cast<UINT8 *>(Memory);
+    std::memset(Entry, 0, kEntryBytes);
+    std::memcpy(Entry, &Tag, sizeof(Tag));
+    HOOK_CALLBACK Function = &Callback;
+    std::memcpy(Entry + kEntryCallback, &Function, sizeof(Function));
+    auto *Head = reinterpret_cast<LIST_ENTRY *>(Node(Guid) + kNodeLists + 16 * List);
+    auto *Link = reinterpret_cast<LIST_ENTRY *>(Entry + kEntryLink);
+    Link->Flink = Head;
+    Link->Blink = Head->Blink;
+    Head->Blink->Flink = Link;
+    Head->Blink = Link;
+    Entries.push_back({Guid, List, Entry});
+    return Entry;
+  }
+
+  static bool Listed(const UINT8 *NodeBytes, size_t List, const UINT8 *Entry) {
+    auto *Head = reinterpret_cast<const LIST_ENTRY *>(NodeBytes + kNodeLists + 16 * List);
+    for (const LIST_ENTRY *Link = Head->Flink; Link != Head; Link = Link->Flink) {
+      if (reinterpret_cast<const UINT8 *>(Link) - kEntryLink == Entry) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  // Entries the hub did not free go back to the pool with the test.
+  void TearDown() override {
+    for (const Registered &Item : Entries) {
+      if (Listed(reinterpret_cast<UINT8 *>(HookFind(&Item.Hook)), Item.List, Item.Entry)) {
+        auto *Link = reinterpret_cast<LIST_ENTRY *>(Item.Entry + kEntryLink);
+        Link->Blink->Flink = Link->Flink;
+        Link->Flink->Blink = Link->Blink;
+        gBS->FreePool(Item.Entry);
+      }
+    }
+  }
+
+  static VOID EFIAPI Callback(UINTN First, HookEntry *Entry) {
+    auto *Bytes = reinterpret_cast<UINT8 *>(Entry);
+    int Tag = 0;
+    std::memcpy(&Tag, Bytes, sizeof(Tag));
+    HookNode *Current = HookFind(&gTest->Signalled);
+    Call Made = {Tag, First, Current->CurrentRecord, Current->Depth, {}};
+    UINT32 Size = 0;
+    std::memcpy(&Size, Made.Record, sizeof(Size));
+    std::memcpy(Made.Bytes, Made.Record, Size < sizeof(Made.Bytes) ? Size : sizeof(Made.Bytes));
+    gTest->Calls.push_back(Made);
+    Behaviour &Do = gTest->Behaviours[Tag];
+    for (UINT8 *Target : Do.Remove) {
+      Target[kEntryRemoved] = 1;
+    }
+    if (Do.SignalNested) {
+      Do.SignalNested = false;  // once
+      VOID *Outer = Current->CurrentRecord;
+      EXPECT_EQ(HookSignal(&gTest->Signalled, &gTest->NestedRecord), EFI_SUCCESS);
+      EXPECT_EQ(Current->CurrentRecord, Outer) << "the nested signal put the outer record back";
+      gTest->AfterNested(Current);
+    }
+    auto *Status = static_cast<UINT8 *>(Current->CurrentRecord) + 4;
+    UINT32 Answer = 0;
+    std::memcpy(&Answer, Status, sizeof(Answer));
+    Answer |= Do.SetStatus;
+    std::memcpy(Status, &Answer, sizeof(Answer));
+  }
+
+  struct Call {
+    int Tag;
+    UINTN First;
+    VOID *Record;
+    UINT64 Depth;
+    UINT8 Bytes[24];  // the record as the callback saw it
+  };
+  std::vector<int> Tags() const {
+    std::vector<int> Result;
+    for (const Call &Made : Calls) {
+      Result.push_back(Made.Tag);
+    }
+    return Result;
+  }
+
+  virtual void AfterNested(HookNode *) {}
+
+  EFI_GUID Signalled = kTestHook;
+  TestRecord NestedRecord = {sizeof(TestRecord), 0, 2};
+  struct Registered {
+    EFI_GUID Hook;
+    size_t List;
+    UINT8 *Entry;
+  };
+  std::vector<Registered> Entries;
+  std::vector<Call> Calls;
+  Behaviour Behaviours[16];
+};
+
+TEST_F(CallbackHubTest, RegistryPublishedByAnotherDriverIsShared) {
+  EXPECT_EQ(mCallbackHub, &Platform->Hub.Registry);
+  EXPECT_EQ(Sim.HandlesWith(gCallbackHubProtocolGuid).size(), 1u) << "nothing published a second time";
+}
+
+TEST_F(CallbackHubTest, FirstSignalCreatesTheNodeAtTheRegistryTailAndCallsNothing) {
+  TestRecord First = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(&kOtherHook, &First), EFI_SUCCESS);
+  EXPECT_EQ(HookSignal(&kTestHook, &First), EFI_SUCCESS);
+
+  auto *Bytes = reinterpret_cast<UINT8 *>(HookFind(&kTestHook));
+  ASSERT_NE(Bytes, nullptr);
+  EXPECT_EQ(std::memcmp(Bytes, "ZQCH", 4), 0);
+  EXPECT_EQ(std::memcmp(Bytes + 0xC4, &kTestHook, sizeof(EFI_GUID)), 0);
+  UINT64 SignalCount = 0, Depth = 1;
+  VOID *Current = &First;
+  std::memcpy(&SignalCount, Bytes + 0xB8, 8);
+  std::memcpy(&Depth, Bytes + 0xE0, 8);
+  std::memcpy(&Current, Bytes + 0xD8, 8);
+  EXPECT_EQ(SignalCount, 1u);
+  EXPECT_EQ(Depth, 0u);
+  EXPECT_EQ(Current, nullptr);
+  for (size_t List = 0; List < 5; List++) {
+    auto *Head = reinterpret_cast<LIST_ENTRY *>(Bytes + kNodeLists + 16 * List);
+    EXPECT_EQ(Head->Flink, Head);
+    EXPECT_EQ(Head->Blink, Head);
+  }
+  EXPECT_EQ(Platform->Hub.Registry.Blink, reinterpret_cast<LIST_ENTRY *>(Bytes + 8)) << "appended at the tail";
+  EXPECT_EQ(First.Status, 0u);
+}
+
+TEST_F(CallbackHubTest, ListsAreDispatchedInOrderWithTheRecordCurrent) {
+  Register(kTestHook, 2, 4);
+  Register(kTestHook, 0, 1);
+  Register(kTestHook, 4, 5);
+  Register(kTestHook, 0, 2);
+  Register(kTestHook, 1, 3);
+  TestRecord Record = {sizeof(TestRecord), 0, 0x1234};
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
+
+  EXPECT_EQ(Tags(), (std::vector<int>{1, 2, 3, 4, 5}));
+  for (const Call &Made : Calls) {
+    EXPECT_EQ(Made.First, 0u);
+    EXPECT_EQ(Made.Record, &Record);
+    EXPECT_EQ(Made.Depth, 1u);
+  }
+  HookNode *Hook = HookFind(&kTestHook);
+  EXPECT_EQ(Hook->SignalCount, 2u);
+  EXPECT_EQ(Hook->CurrentRecord, nullptr);
+  EXPECT_EQ(Hook->Depth, 0u);
+}
+
+TEST_F(CallbackHubTest, StopBitEndsTheWholeDispatchAndIsCleared) {
+  Register(kTestHook, 0, 1);
+  Register(kTestHook, 1, 2);
+  Register(kTestHook, 1, 3);
+  Register(kTestHook, 3, 4);
+  Behaviours[2].SetStatus = 0x81;
+  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
+  EXPECT_EQ(Tags(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(Record.Status, 1u) << "the signaller sees the answer without the stop bit";
+}
+
+TEST_F(CallbackHubTest, AnAnswerWithoutTheStopBitLetsTheOthersRun) {
+  Register(kTestHook, 0, 1);
+  Register(kTestHook, 2, 2);
+  Behaviours[1].SetStatus = 1;
+  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
+  EXPECT_EQ(Tags(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(Record.Status, 1u);
+}
+
+TEST_F(CallbackHubTest, EntryMarkedRemovedIsSkippedAtOnceAndFreedAfterTheSignal) {
+  UINT8 *First = Register(kTestHook, 0, 1);
+  UINT8 *Second = Register(kTestHook, 0, 2);
+  Register(kTestHook, 1, 3);
+  Behaviours[1].Remove = {First, Second};  // itself and the next one
+  size_t Before = Sim.LiveAllocations();
+  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
+  EXPECT_EQ(Tags(), (std::vector<int>{1, 3}));
+  EXPECT_EQ(Sim.LiveAllocations(), Before - 2) << "both marked entries went back to the pool";
+  EXPECT_FALSE(Listed(reinterpret_cast<UINT8 *>(HookFind(&kTestHook)), 0, First));
+
+  Calls.clear();
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
+  EXPECT_EQ(Tags(), (std::vector<int>{3}));
+}
+
+class CallbackHubNesting : public CallbackHubTest {
+protected:
+  void AfterNested(HookNode *Hook) override {
+    EXPECT_EQ(Hook->Depth, 1u);
+    // Marked during the nested signal, but the outer walk still holds it: not yet freed.
+    EXPECT_TRUE(Listed(reinterpret_cast<UINT8 *>(Hook), 2, Marked));
+  }
+  UINT8 *Marked = nullptr;
+};
+
+TEST_F(CallbackHubNesting, NestedSignalRestoresTheOuterRecordAndDefersTheSweep) {
+  Register(kTestHook, 0, 1);
+  Register(kTestHook, 1, 2);
+  Marked = Register(kTestHook, 2, 3);
+  Behaviours[1].SignalNested = true;
+  Behaviours[2].Remove = {Marked};
+  TestRecord Outer = {sizeof(TestRecord), 0, 1};
+  size_t Before = Sim.LiveAllocations();
+  EXPECT_EQ(HookSignal(&kTestHook, &Outer), EFI_SUCCESS);
+
+  // Outer: 1 -> nested (1, 2; 3 is skipped once 2 marked it) -> back in outer: 2.
+  ASSERT_EQ(Tags(), (std::vector<int>{1, 1, 2, 2}));
+  EXPECT_EQ(Calls[1].Record, &NestedRecord);
+  EXPECT_EQ(Calls[1].Depth, 2u);
+  EXPECT_EQ(Calls[3].Record, &Outer);
+  EXPECT_EQ(Calls[3].Depth, 1u);
+  HookNode *Hook = HookFind(&kTestHook);
+  EXPECT_EQ(Hook->SignalCount, 3u);
+  EXPECT_EQ(Hook->Depth, 0u);
+  EXPECT_EQ(Hook->CurrentRecord, nullptr);
+  EXPECT_EQ(Sim.LiveAllocations(), Before - 1) << "freed when the outermost signal ended";
+}
+
+TEST_F(CallbackHubTest, NullArgumentsAreRefused) {
+  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(nullptr, &Record), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(HookSignal(&kTestHook, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(HookFind(&kTestHook), nullptr);
+}
+
+TEST_F(CallbackHubTest, NodeThatCannotBeAllocatedIsOutOfResources) {
+  Sim.FailAllocationAfter(1);
+  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_OUT_OF_RESOURCES);
+  EXPECT_EQ(HookFind(&kTestHook), nullptr);
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
+  EXPECT_NE(HookFind(&kTestHook), nullptr);
+}
+
+// ---- The five hook points ------------------------------------------------------------------
+
+struct ImageHookCase {
+  const char *Name;
+  const EFI_GUID *Hook;
+  BOOLEAN DriverConfig::*Gate;
+  EFI_STATUS (*Signal)(UINT32 *Verdict);
+};
+
+EFI_STATUS SignalAccept(UINT32 *Verdict) { return SignalImageAcceptHook(Verdict); }
+EFI_STATUS SignalWrite(UINT32 *) { return SignalWriteStartHook(); }
+EFI_STATUS SignalIbb(UINT32 *) { return SignalIbbUpdateHook(); }
+EFI_STATUS SignalComplete(UINT32 *) { return SignalFlashCompleteHook(); }
+
+class CallbackHubImageHook : public CallbackHubTest, public ::testing::WithParamInterface<ImageHookCase> {};
+
+TEST_P(CallbackHubImageHook, HandsTheVerifiedImageOverIn24Bytes) {
+  UINT8 Image[64] = {};
+  mVerifiedImage = Image;
+  mVerifiedImageSize = sizeof(Image);
+  Signalled = *GetParam().Hook;
+  Register(Signalled, 0, 1);
+  Behaviours[1].SetStatus = kHookAnswerTaken;
+  UINT32 Verdict = 7;
+  EXPECT_EQ(GetParam().Signal(&Verdict), EFI_SUCCESS);
+  ASSERT_EQ(Calls.size(), 1u);
+  const UINT8 *Record = Calls[0].Bytes;
+  UINT32 Size = 0;
+  UINT64 Address = 0, Length = 0;
+  std::memcpy(&Size, Record, 4);
+  std::memcpy(&Address, Record + 8, 8);
+  std::memcpy(&Length, Record + 16, 8);
+  EXPECT_EQ(Size, 24u);
+  EXPECT_EQ(Address, reinterpret_cast<UINT64>(Image));
+  EXPECT_EQ(Length, sizeof(Image));
+  if (GetParam().Hook == &gImageAcceptHookGuid) {
+    EXPECT_EQ(Verdict, kHookAnswerTaken) << "the accept hook reports the verdict";
+  }
+  mVerifiedImage = nullptr;
+}
+
+TEST_P(CallbackHubImageHook, GateOffSignalsNothing) {
+  gConfig.*(GetParam().Gate) = FALSE;
+  UINT32 Verdict = 7;
+  EXPECT_EQ(GetParam().Signal(&Verdict), EFI_SUCCESS);
+  EXPECT_EQ(HookFind(GetParam().Hook), nullptr) << "not even the node is created";
+  if (GetParam().Hook == &gImageAcceptHookGuid) {
+    EXPECT_EQ(Verdict, 0u);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CallbackHubEachImageHookPoint, CallbackHubImageHook,
+    ::testing::Values(ImageHookCase{"ImageAccept", &gImageAcceptHookGuid, &DriverConfig::ImageAcceptHookEnabled, SignalAccept},
+                      ImageHookCase{"WriteStart", &gBiosWriteStartHookGuid, &DriverConfig::WriteStartHookEnabled, SignalWrite},
+                      ImageHookCase{"IbbUpdate", &gIbbUpdateHookGuid, &DriverConfig::IbbUpdateHookEnabled, SignalIbb},
+                      ImageHookCase{"FlashComplete", &gFlashCompleteHookGuid, &DriverConfig::FlashCompleteHookEnabled,
+                                    SignalComplete}),
+    [](const auto &Info) { return std::string(Info.param.Name); });
+
+TEST_F(CallbackHubTest, DebugCodeHookHandsTheCodeOverIn12BytesAndReportsATakeOver) {
+  gConfig.DebugCodeHookEnabled = TRUE;
+  Signalled = gDebugCodeHookGuid;
+  Register(Signalled, 0, 1);
+  Behaviours[1].SetStatus = kHookAnswerTaken;
+  UINT32 Handled = 0;
+  EXPECT_EQ(SignalDebugCodeHook(0xF1, &Handled), EFI_SUCCESS);
+  ASSERT_EQ(Calls.size(), 1u);
+  UINT32 Fields[3] = {};
+  std::memcpy(Fields, Calls[0].Bytes, sizeof(Fields));
+  EXPECT_EQ(Fields[0], 12u);
+  EXPECT_EQ(Fields[2], 0xF1u);
+  EXPECT_EQ(Handled, kHookAnswerTaken);
+}
+
+TEST_F(CallbackHubTest, DebugCodeHookIsOffInTheReferenceBuild) {
+  UINT32 Handled = 9;
+  EXPECT_EQ(SignalDebugCodeHook(0xF1, &Handled), EFI_SUCCESS);
+  EXPECT_EQ(Handled, 0u);
+  EXPECT_EQ(HookFind(&gDebugCodeHookGuid), nullptr);
+}
+
+// ---- Finding or publishing the registry ------------------------------------------------------
+
+class CallbackHubStart : public PlatformFixture {
+protected:
+  EFI_STATUS RunConstructor() {
+    PrepareBoot();
+    UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+    return CallbackHubLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+  }
+};
+
+TEST_F(CallbackHubStart, FirstDriverCreatesAndPublishesAnEmptyRegistry) {
+  Install.CallbackHub = FALSE;
+  EXPECT_EQ(RunConstructor(), EFI_SUCCESS);
+  auto Handles = Sim.HandlesWith(gCallbackHubProtocolGuid);
+  ASSERT_EQ(Handles.size(), 1u);
+  EXPECT_NE(Handles[0], Sim.ImageHandle()) << "on a new handle";
+  EXPECT_EQ(Sim.InterfaceOn(Handles[0], gCallbackHubProtocolGuid), mCallbackHub);
+  EXPECT_EQ(mCallbackHub->Flink, mCallbackHub);
+  EXPECT_EQ(mCallbackHub->Blink, mCallbackHub);
+}
+
+TEST_F(CallbackHubStart, RegistryThatCannotBeAllocatedLeavesSignalsNotReady) {
+  Install.CallbackHub = FALSE;
+  PrepareBoot();
+  Sim.FailAllocationAfter(1);
+  EXPECT_EQ(RunConstructor(), EFI_OUT_OF_RESOURCES);
+  EXPECT_TRUE(Sim.HandlesWith(gCallbackHubProtocolGuid).empty());
+  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_NOT_READY);
+}
+
+TEST_F(CallbackHubStart, InsideSmmTheRegistryComesFromTheSmmDatabase) {
+  static LIST_ENTRY Shared;  // outlives the test: the hub's reset walks it at teardown
+  Shared = {&Shared, &Shared};
+  Sim.InstallSmmBase2(TRUE);
+  Sim.InstallSmmProtocol(gCallbackHubProtocolGuid, &Shared);
+  EXPECT_EQ(RunConstructor(), EFI_SUCCESS);
+  EXPECT_EQ(mCallbackHub, &Shared);
+  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
+  EXPECT_EQ(Shared.Flink, reinterpret_cast<LIST_ENTRY *>(reinterpret_cast<UINT8 *>(HookFind(&kTestHook)) + 8));
+}
+
+TEST_F(CallbackHubStart, InsideSmmTheFirstDriverPublishesThroughTheSmmInstaller) {
+  Install.CallbackHub = FALSE;
+  Sim.InstallSmmBase2(TRUE);
+  EXPECT_EQ(RunConstructor(), EFI_SUCCESS);
+  EXPECT_EQ(Sim.SmmInterface(gCallbackHubProtocolGuid), mCallbackHub);
+  EXPECT_TRUE(Sim.HandlesWith(gCallbackHubProtocolGuid).empty()) << "not in the boot-services database";
+}
+
+}  // namespace

@@ -1,0 +1,406 @@
+// The flash map: its sources at start (HOB, recovery address HOB, PCD, flash scan), publish
+// or adopt, the lookups with attribute bit 1 and instance counting, the end of boot
+// services, and a table of malformed maps that must give exact statuses without a read
+// outside the map's bytes.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "../../src/base/BaseLib.h"
+#include "../../src/base/Globals.h"
+#include "../../src/base/Guids.h"
+#include "../../src/driver/Config.h"
+#include "../../src/driver/FlashMap.h"
+#include "../../src/driver/LibraryList.h"
+#include "../../src/driver/VariableStorePointers.h"
+#include "../../tools/lib/FlashMapBuilder.h"
+#include "../../tools/lib/ImageBuilder.h"
+#include "../support/PlatformFixture.h"
+
+namespace {
+
+const EFI_GUID kTypeA = {0x6a1f0c3e, 0x0d2b, 0x4c55, {0x8e, 0x10, 0x71, 0x2a, 0x9b, 0x33, 0x5d, 0x0a}};
+const EFI_GUID kTypeB = {0x6a1f0c3e, 0x0d2b, 0x4c55, {0x8e, 0x10, 0x71, 0x2a, 0x9b, 0x33, 0x5d, 0x0b}};
+const EFI_GUID kName1 = {0x2c9b7d11, 0x44e0, 0x4a3f, {0xb2, 0x05, 0x1e, 0x6c, 0x70, 0x88, 0x91, 0x01}};
+const EFI_GUID kName2 = {0x2c9b7d11, 0x44e0, 0x4a3f, {0xb2, 0x05, 0x1e, 0x6c, 0x70, 0x88, 0x91, 0x02}};
+const EFI_GUID kName3 = {0x2c9b7d11, 0x44e0, 0x4a3f, {0xb2, 0x05, 0x1e, 0x6c, 0x70, 0x88, 0x91, 0x03}};
+
+constexpr UINT64 kBase = 0xFF000000;
+
+// A: instance 1 at 0x1000, an ignored entry, B, then instance 2 of A at 0x3000.
+std::vector<uint8_t> SampleMap(UINT64 Base = kBase) {
+  return FlashMapBuilder(Base)
+      .Add({kTypeA, kName1, 0x1000, 0x100, 0})
+      .Add({kTypeA, kName2, 0x2000, 0x200, kFlashMapEntryIgnored})
+      .Add({kTypeB, kName2, 0x5000, 0x500, 0})
+      .Add({kTypeA, kName3, 0x3000, 0x300, 0x1})
+      .AddNamed(kName1, 0x7000, 0x700)
+      .Build();
+}
+
+class FlashMapTest : public PlatformFixture {
+protected:
+  // Scans must not meet a map that the default image carries.
+  void EraseFlash() { std::memset(Platform->Flash.Bytes(), 0xFF, Platform->Flash.Size()); }
+  void PutInFlash(UINT64 Address, const std::vector<uint8_t> &Bytes) {
+    Platform->Flash.Load(static_cast<UINT32>(Address - Platform->FlashBaseAddress), Bytes.data(),
+                         static_cast<UINT32>(Bytes.size()));
+  }
+  // Start-up as far as the flash map: globals, HOB list, then the map's own constructor.
+  EFI_STATUS StartMapLibrary() {
+    PrepareBoot();
+    UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+    HobLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+    return FlashMapLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+  }
+  const VOID *PublishedMap() {
+    auto Handles = Sim.HandlesWith(gFlashMapProtocolGuid);
+    return Handles.size() == 1 ? Sim.InterfaceOn(Handles[0], gFlashMapProtocolGuid) : nullptr;
+  }
+};
+
+TEST_F(FlashMapTest, HobMapIsCopiedToRuntimePoolAndPublished) {
+  std::vector<uint8_t> Map = SampleMap();
+  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+
+  const VOID *Published = PublishedMap();
+  ASSERT_NE(Published, nullptr);
+  EXPECT_EQ(mFlashMap, Published);
+  EXPECT_EQ(std::memcmp(Published, Map.data(), Map.size()), 0);
+  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), kBase + 0x1000);
+  EXPECT_EQ(FlashMapGetSize(&kTypeA, 1), 0x100u);
+  EXPECT_EQ(FlashMapGetBase(), kBase);
+}
+
+TEST_F(FlashMapTest, TheLastOfSeveralHobsWins) {
+  std::vector<uint8_t> First = SampleMap(0x1000000);
+  std::vector<uint8_t> Last = SampleMap(0x2000000);
+  Hobs.AddGuidHob(gFlashMapHobGuid, First.data(), First.size());
+  Hobs.AddGuidHob(gFlashMapHobGuid, Last.data(), Last.size());
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  EXPECT_EQ(FlashMapGetBase(), 0x2000000u);
+}
+
+TEST_F(FlashMapTest, MapPublishedByAnotherDriverIsAdopted) {
+  std::vector<uint8_t> Theirs = SampleMap(0x3000000);
+  EFI_HANDLE Handle = nullptr;
+  Sim.Install(&Handle, gFlashMapProtocolGuid, Theirs.data());
+  std::vector<uint8_t> Ours = SampleMap();
+  Hobs.AddGuidHob(gFlashMapHobGuid, Ours.data(), Ours.size());
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  EXPECT_EQ(mFlashMap, Theirs.data());
+  EXPECT_EQ(Sim.HandlesWith(gFlashMapProtocolGuid).size(), 1u);
+  EXPECT_EQ(FlashMapGetAddress(&kTypeB, 1), 0x3000000u + 0x5000);
+}
+
+TEST_F(FlashMapTest, IgnoredEntriesAreInvisibleAndInstancesCountUsableEntries) {
+  std::vector<uint8_t> Map = SampleMap();
+  UseFlashMapForTest(Map.data(), Map.size());
+  UINT8 Count = 0;
+  EXPECT_EQ(FlashMapCountEntries(&Count), EFI_SUCCESS);
+  EXPECT_EQ(Count, 4) << "the entry with bit 1 is not counted";
+
+  EFI_GUID Name = {};
+  UINT64 Offset = 0, Size = 0;
+  UINT32 Attributes = 0;
+  ASSERT_EQ(FlashMapFindEntry(&kTypeA, 2, &Name, &Offset, &Size, &Attributes), EFI_SUCCESS);
+  EXPECT_TRUE(CompareGuid(&Name, &kName3)) << "the second usable A, not the second A of the map";
+  EXPECT_EQ(Offset, 0x3000u);
+  EXPECT_EQ(Size, 0x300u);
+  EXPECT_EQ(Attributes, 0x1u) << "other attribute bits do not hide an entry";
+  EXPECT_EQ(FlashMapFindEntry(&kTypeA, 3, &Name, &Offset, &Size, &Attributes), EFI_NOT_FOUND);
+  EXPECT_EQ(Offset, 0u) << "outputs are zeroed";
+  EXPECT_EQ(FlashMapFindEntry(&kTypeA, 0, &Name, &Offset, &Size, &Attributes), EFI_INVALID_PARAMETER);
+
+  UINT64 Address = 0;
+  EXPECT_EQ(FlashMapGetRegion(&kTypeB, 1, &Address, &Size), EFI_SUCCESS);
+  EXPECT_EQ(Address, kBase + 0x5000);
+  EXPECT_EQ(FlashMapGetRegion(&kTypeB, 2, &Address, &Size), EFI_NOT_FOUND);
+  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 0), 0u);
+}
+
+TEST_F(FlashMapTest, NamedAreasAreFoundByName) {
+  std::vector<uint8_t> Map = FlashMapBuilder(kBase)
+                                 .AddNamed(kName2, 0x100, 0x10)
+                                 .Add({gFlashMapNamedAreaGuid, kName1, 0x200, 0x20, kFlashMapEntryIgnored})
+                                 .Add({kTypeA, kName1, 0x300, 0x30, 0})
+                                 .AddNamed(kName1, 0x400, 0x40)
+                                 .Build();
+  UseFlashMapForTest(Map.data(), Map.size());
+  UINT64 Address = 0, Size = 0;
+  EXPECT_EQ(FlashMapFindByName(&kName1, &Address, &Size), EFI_SUCCESS);
+  EXPECT_EQ(Address, kBase + 0x400);
+  EXPECT_EQ(Size, 0x40u);
+  EXPECT_EQ(FlashMapFindByName(&kName3, &Address, &Size), EFI_NOT_FOUND);
+  EXPECT_EQ(Address, 0u);
+}
+
+TEST_F(FlashMapTest, EveryHeaderBitFlipIsCaught) {
+  gConfig.PcdFlashSize = 0;  // no flash to fall back on
+  const std::vector<uint8_t> Good = SampleMap();
+  for (size_t Bit = 0; Bit < 28 * 8; Bit++) {
+    std::vector<uint8_t> Map = Good;
+    Map[Bit / 8] ^= static_cast<uint8_t>(1u << (Bit % 8));
+    UseFlashMapForTest(Map.data(), Map.size());
+    EFI_STATUS Expected = Bit < 32 ? EFI_NOT_FOUND : EFI_SECURITY_VIOLATION;
+    UINT8 Count = 0;
+    EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), Expected) << "bit " << Bit;
+    EXPECT_EQ(FlashMapCountEntries(&Count), Expected) << "bit " << Bit;
+    EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), 0u) << "bit " << Bit;
+    UINT64 Address = 1;
+    EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_NOT_FOUND) << "bit " << Bit;
+  }
+}
+
+TEST_F(FlashMapTest, WithoutHobOutsideRecoveryTheLookupsScanTheFlash) {
+  EraseFlash();
+  std::vector<uint8_t> Map = SampleMap();
+  PutInFlash(0xFF0EA000, Map);
+  EXPECT_EQ(StartMapLibrary(), EFI_NOT_FOUND);
+  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
+  EXPECT_EQ(mFlashMapEvent, nullptr);
+
+  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), kBase + 0x1000);
+  EXPECT_EQ(mFlashMap, Platform->Flash.Bytes() + 0xEA000) << "the hit is kept";
+}
+
+TEST_F(FlashMapTest, ScanLooksOnlyAt4KiBStepsInsideTheConfiguredSize) {
+  EraseFlash();
+  std::vector<uint8_t> Map = SampleMap();
+  PutInFlash(0xFF0EA010, Map);
+  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), 0u);
+  EXPECT_EQ(FlashMapFind(), nullptr);
+
+  PutInFlash(0xFF800000, Map);
+  gConfig.PcdFlashSize = 0x800000;
+  EXPECT_EQ(FlashMapFind(), nullptr) << "offset 0x800000 is the bound, not searched";
+  gConfig.PcdFlashSize = 0x801000;
+  EXPECT_EQ(FlashMapFind(), Platform->Flash.Bytes() + 0x800000);
+}
+
+TEST_F(FlashMapTest, RecoveryTakesTheAddressHob) {
+  Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
+  std::vector<uint8_t> Map = SampleMap(0x4000000);
+  UINT64 Address = reinterpret_cast<UINT64>(Map.data());
+  Hobs.AddGuidHob(gFlashMapAddressHobGuid, &Address, sizeof(Address));
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  ASSERT_NE(PublishedMap(), nullptr);
+  EXPECT_EQ(std::memcmp(PublishedMap(), Map.data(), Map.size()), 0);
+  EXPECT_EQ(FlashMapGetBase(), 0x4000000u);
+}
+
+TEST_F(FlashMapTest, RecoveryTakesThePcdAddressWhenItHoldsAMap) {
+  EraseFlash();
+  Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
+  PutInFlash(0xFF0EA000, SampleMap(0x5000000));
+  PutInFlash(0xFF010000, SampleMap(0x6000000));
+  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, 0xFF010000);
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  EXPECT_EQ(FlashMapGetBase(), 0x6000000u);
+}
+
+TEST_F(FlashMapTest, RecoveryScansWhenThePcdAddressHoldsNoMap) {
+  EraseFlash();
+  Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
+  PutInFlash(0xFF0EA000, SampleMap(0x5000000));
+  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, 0xFF010000);
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  EXPECT_EQ(FlashMapGetBase(), 0x5000000u);
+  EXPECT_NE(PublishedMap(), nullptr);
+}
+
+TEST_F(FlashMapTest, RecoveryWithoutAnyMapPublishesNothing) {
+  EraseFlash();
+  Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
+  EXPECT_EQ(StartMapLibrary(), EFI_NOT_FOUND);
+  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
+  EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), EFI_NOT_FOUND);
+}
+
+TEST_F(FlashMapTest, HobMapLargerThanItsHobIsNotPublished) {
+  std::vector<uint8_t> Map = SampleMap();
+  SetFlashMapField32(Map, offsetof(FlashMapHeader, TotalSize), 0x10000);
+  SealFlashMapHeader(Map);
+  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
+  EXPECT_EQ(StartMapLibrary(), EFI_VOLUME_CORRUPTED);
+  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
+  EXPECT_EQ(FlashMapGetAddress(&kTypeB, 1), kBase + 0x5000) << "the entries inside the HOB still answer";
+}
+
+TEST_F(FlashMapTest, AfterExitBootServicesEveryLookupIsUnsupported) {
+  std::vector<uint8_t> Map = SampleMap();
+  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  ASSERT_NE(mFlashMapEvent, nullptr);
+  Sim.SignalEventGroup(gEfiEventExitBootServicesGuid);
+  EXPECT_TRUE(mFlashMapGone);
+  EXPECT_EQ(mFlashMapEvent, nullptr);
+
+  UINT8 Count = 0;
+  UINT64 Address = 0;
+  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), 0u);
+  EXPECT_EQ(FlashMapGetSize(&kTypeA, 1), 0u);
+  EXPECT_EQ(FlashMapGetBase(), 0u);
+  EXPECT_EQ(FlashMapCountEntries(&Count), EFI_UNSUPPORTED);
+  EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), EFI_UNSUPPORTED);
+  EXPECT_EQ(FlashMapGetRegion(&kTypeA, 1, &Address, nullptr), EFI_UNSUPPORTED);
+  EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_UNSUPPORTED);
+}
+
+TEST_F(FlashMapTest, DestructorClosesTheExitBootServicesEvent) {
+  std::vector<uint8_t> Map = SampleMap();
+  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  size_t EventsBefore = Sim.OpenEvents();
+  EXPECT_EQ(FlashMapLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1);
+  EXPECT_EQ(mFlashMapEvent, nullptr);
+}
+
+TEST_F(FlashMapTest, InsideSmmThereIsNoEventAndTheCopyGoesToTheSmmDatabase) {
+  std::vector<uint8_t> Map = SampleMap();
+  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
+  Sim.InstallSmmBase2(TRUE);
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  EXPECT_EQ(mFlashMapEvent, nullptr);
+  ASSERT_NE(Sim.SmmInterface(gFlashMapProtocolGuid), nullptr);
+  EXPECT_EQ(mFlashMap, Sim.SmmInterface(gFlashMapProtocolGuid));
+  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
+}
+
+TEST_F(FlashMapTest, CountIsEightBitsWideAndNameSearchStillEnds) {
+  FlashMapBuilder Builder(kBase);
+  for (UINT32 Index = 0; Index < 255; Index++) {
+    Builder.AddNamed(kName2, Index, 1);
+  }
+  Builder.AddNamed(kName1, 0x999, 9);
+  std::vector<uint8_t> Map = Builder.Build();
+  UseFlashMapForTest(Map.data(), Map.size());
+  UINT8 Count = 1;
+  EXPECT_EQ(FlashMapCountEntries(&Count), EFI_SUCCESS);
+  EXPECT_EQ(Count, 0) << "256 entries wrap to 0";
+  UINT64 Address = 0;
+  EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_NOT_FOUND);
+
+  FlashMapBuilder Full(kBase);
+  for (UINT32 Index = 0; Index < 254; Index++) {
+    Full.AddNamed(kName2, Index, 1);
+  }
+  Full.AddNamed(kName1, 0x999, 9);
+  std::vector<uint8_t> Shorter = Full.Build();
+  UseFlashMapForTest(Shorter.data(), Shorter.size());
+  EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_SUCCESS) << "the 255th entry";
+  EXPECT_EQ(Address, kBase + 0x999);
+}
+
+TEST_F(FlashMapTest, DefaultImageCarriesTheReferenceMapWhereThePlatformPcdPoints) {
+  ASSERT_TRUE(LoadImage(*Platform, DefaultImage()));
+  EXPECT_EQ(Platform->PcdFlashMapAddress, kDefaultFlashMapAddress);
+  EXPECT_EQ(FlashMapFind(), Platform->Flash.Bytes() + (kDefaultFlashMapAddress - Platform->FlashBaseAddress));
+  EXPECT_EQ(FlashMapGetAddress(&gNvVariableStoreRegionGuid, 1), gConfig.VariableStoreBase);
+  EXPECT_EQ(FlashMapGetSize(&gNvVariableStoreRegionGuid, 1), gConfig.VariableStoreSize);
+  EXPECT_EQ(FlashMapGetAddress(&gVariableStoreBackupAreaGuid, 1), gConfig.VariableBackupBase);
+  EXPECT_EQ(FlashMapGetSize(&gVariableStoreBackupAreaGuid, 1), gConfig.VariableBackupSize);
+  UINT64 Address = 0;
+  EXPECT_EQ(FlashMapFindByName(&gNvVariableStoreRegionGuid, &Address, nullptr), EFI_SUCCESS);
+  EXPECT_EQ(Address, gConfig.VariableStoreBase);
+}
+
+// ---- Malformed maps -----------------------------------------------------------------------
+
+struct MalformedMap {
+  const char *Name;
+  size_t Field;  // header field to set (SIZE_MAX: none)
+  UINT32 Value;
+  size_t KeepBytes;  // bytes of the map that exist (0: all)
+  EFI_STATUS FindFirstA;
+  EFI_STATUS FindB;
+  EFI_STATUS Count;
+  UINT8 Counted;
+};
+
+constexpr size_t kNoField = SIZE_MAX;
+constexpr size_t kTotalSize = offsetof(FlashMapHeader, TotalSize);
+constexpr size_t kEntriesOffset = offsetof(FlashMapHeader, EntriesOffset);
+constexpr size_t kEntrySize = offsetof(FlashMapHeader, EntrySize);
+
+// The sample's entries: A (0x1C), A ignored (0x50), B (0x84), A (0xB8), named (0xEC); end 0x120.
+const MalformedMap kMalformedMaps[] = {
+    {"StrideZero", kEntrySize, 0, 0, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION, 0},
+    {"StrideShorterThanAnEntry", kEntrySize, 51, 0, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION,
+     EFI_SECURITY_VIOLATION, 0},
+    {"StrideNear4GiB", kEntrySize, 0xFFFFFFF0, 0, EFI_SUCCESS, EFI_NOT_FOUND, EFI_SUCCESS, 1},
+    {"FirstEntryAtTheEnd", kEntriesOffset, 0x120, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_SUCCESS, 0},
+    {"FirstEntryPastTheEnd", kEntriesOffset, 0x200, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_SUCCESS, 0},
+    {"FirstEntryNear4GiB", kEntriesOffset, 0xFFFFFFC0, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_SUCCESS, 0},
+    {"TotalSizeCutsAnEntry", kTotalSize, 0x84 + 51, 0, EFI_SUCCESS, EFI_NOT_FOUND, EFI_SUCCESS, 1},
+    {"TotalSizeSmallerThanTheHeader", kTotalSize, 4, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_SUCCESS, 0},
+    {"TotalSizeNear4GiB", kTotalSize, 0xFFFFFFFF, 0, EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS, 4},
+    {"EntriesPastTheBytesThatExist", kNoField, 0, 0x84 + 20, EFI_SUCCESS, EFI_NOT_FOUND, EFI_SUCCESS, 1},
+    {"HeaderCutShort", kNoField, 0, 20, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION, 0},
+    {"SignatureCutShort", kNoField, 0, 3, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_NOT_FOUND, 0},
+    {"WrongSignature", 0, 0x4D444652, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_NOT_FOUND, 0},
+};
+
+class FlashMapMalformed : public FlashMapTest, public ::testing::WithParamInterface<MalformedMap> {};
+
+TEST_P(FlashMapMalformed, GivesItsStatusWithoutReadingOutsideTheMap) {
+  const MalformedMap &Case = GetParam();
+  gConfig.PcdFlashSize = 0;  // no flash to fall back on
+  std::vector<uint8_t> Map = SampleMap();
+  if (Case.Field != kNoField) {
+    SetFlashMapField32(Map, Case.Field, Case.Value);
+    SealFlashMapHeader(Map);
+  }
+  // Exactly the bytes that exist, on the heap: a read past them is caught by the sanitizer.
+  std::vector<uint8_t> Exact(Map.begin(), Map.begin() + (Case.KeepBytes != 0 ? Case.KeepBytes : Map.size()));
+  Exact.shrink_to_fit();
+  UseFlashMapForTest(Exact.data(), Exact.size());
+
+  EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), Case.FindFirstA);
+  EXPECT_EQ(FlashMapFindEntry(&kTypeB, 1, nullptr, nullptr, nullptr, nullptr), Case.FindB);
+  UINT8 Count = 0xEE;
+  EXPECT_EQ(FlashMapCountEntries(&Count), Case.Count);
+  EXPECT_EQ(Count, Case.Counted);
+  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), Case.FindFirstA == EFI_SUCCESS ? kBase + 0x1000 : 0);
+  UINT64 Address = 0;
+  FlashMapFindByName(&kName1, &Address, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(FlashMapMalformedTable, FlashMapMalformed, ::testing::ValuesIn(kMalformedMaps),
+                         [](const auto &Info) { return std::string(Info.param.Name); });
+
+// ---- The variable-store pointers found through the map (17th constructor) --------------------
+
+class FlashMapVariableStorePointers : public FlashMapTest {};
+
+TEST_F(FlashMapVariableStorePointers, NamedAreaComesFirst) {
+  std::vector<uint8_t> Map = FlashMapBuilder(kBase)
+                                 .Add({gNvVariableStoreRegionGuid, kName1, 0x14A000, 0x30000, 0})
+                                 .AddNamed(gNvVariableStoreRegionGuid, 0x200000, 0x10000)
+                                 .Build();
+  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(reinterpret_cast<UINT64>(mNvVariableStore), kBase + 0x200000);
+  EXPECT_EQ(mNvVariableStoreSize, 0x10000u);
+}
+
+TEST_F(FlashMapVariableStorePointers, FirstAreaOfTheStoreTypeOtherwise) {
+  std::vector<uint8_t> Map =
+      FlashMapBuilder(kBase).Add({gNvVariableStoreRegionGuid, kName1, 0x14A000, 0x30000, 0}).Build();
+  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(reinterpret_cast<UINT64>(mNvVariableStore), kBase + 0x14A000);
+  EXPECT_EQ(mNvVariableStoreSize, 0x30000u);
+}
+
+TEST_F(FlashMapVariableStorePointers, NoStoreAreaIsNotFound) {
+  PrepareBoot();
+  UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+  gConfig.PcdFlashSize = 0;
+  EXPECT_EQ(VariableStorePointerLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_NOT_FOUND);
+  EXPECT_EQ(mNvVariableStore, nullptr);
+}
+
+}  // namespace

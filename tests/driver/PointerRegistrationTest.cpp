@@ -1,0 +1,126 @@
+// The pointer-registration service: located at start or awaited through a protocol
+// notification, inert for a boot-service image (EFI_ABORTED, nothing reaches the service),
+// live for a runtime image; and the platform flash service pointers of the 19th constructor.
+#include "../../src/base/Globals.h"
+#include "../../src/base/Guids.h"
+#include "../../src/driver/LibraryList.h"
+#include "../../src/driver/PointerRegistration.h"
+#include "../support/PlatformFixture.h"
+
+namespace {
+
+class PointerRegistrationTest : public PlatformFixture {
+protected:
+  UINT64 Address(const void *Variable) { return reinterpret_cast<UINT64>(Variable); }
+
+  bool Recorded(const char *Name, const void *Variable) {
+    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
+      if (std::string(Platform->Calls[Index].Name) == Name && Platform->Calls[Index].Arguments[0] == Address(Variable)) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  void MakeRuntimeImage() { Sim.LoadedImage()->ImageCodeType = EfiRuntimeServicesCode; }
+};
+
+TEST_F(PointerRegistrationTest, BootServiceImageTakesTheServiceButRegistersNothing) {
+  VOID *Variable = nullptr;
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(mPointerRegistration, &Platform->Hub.PointerRegistration);
+  EXPECT_FALSE(mIsRuntimeImage);
+  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
+  EXPECT_EQ(PointerRegister(&Variable), EFI_ABORTED);
+  EXPECT_EQ(PointerUnregister(&Variable), EFI_ABORTED);
+  EXPECT_EQ(Platform->CountCalls("PointerRegister"), 0u);
+  EXPECT_EQ(Platform->CountCalls("PointerUnregister"), 0u);
+}
+
+TEST_F(PointerRegistrationTest, RuntimeImageRegistersItsOwnPointerAndThePlatformPointers) {
+  MakeRuntimeImage();
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_TRUE(mIsRuntimeImage);
+  EXPECT_TRUE(Recorded("PointerRegister", &mPointerRegistration));
+  EXPECT_EQ(mRuntimeFlashService, Platform->FlashService);
+  EXPECT_EQ(mRuntimeFlashServiceData, Platform->PlatformData);
+  EXPECT_TRUE(Recorded("PointerRegister", &mRuntimeFlashService));
+  EXPECT_TRUE(Recorded("PointerRegister", &mRuntimeFlashServiceData));
+
+  VOID *Variable = nullptr;
+  Platform->Hub.RegisterStatus = EFI_DEVICE_ERROR;
+  EXPECT_EQ(PointerRegister(&Variable), EFI_DEVICE_ERROR) << "the service's own answer";
+  EXPECT_EQ(PointerUnregister(&Variable), EFI_DEVICE_ERROR);
+  EXPECT_TRUE(Recorded("PointerUnregister", &Variable));
+}
+
+TEST_F(PointerRegistrationTest, DestructorsUnregisterWhatARuntimeImageRegistered) {
+  MakeRuntimeImage();
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  Platform->ClearCalls();
+  RunLibraryDestructors(Sim.ImageHandle(), Sim.SystemTable());
+  EXPECT_TRUE(Recorded("PointerUnregister", &mPointerRegistration));
+  EXPECT_TRUE(Recorded("PointerUnregister", &mRuntimeFlashService));
+  EXPECT_TRUE(Recorded("PointerUnregister", &mRuntimeFlashServiceData));
+}
+
+TEST_F(PointerRegistrationTest, AbsentServiceIsAwaitedAndTakenWhenItAppears) {
+  Install.PointerRegistration = FALSE;
+  MakeRuntimeImage();
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(mPointerRegistration, nullptr);
+  ASSERT_NE(mPointerRegistrationEvent, nullptr);
+  VOID *Variable = nullptr;
+  EXPECT_EQ(PointerRegister(&Variable), EFI_ABORTED) << "absent service";
+  size_t EventsBefore = Sim.OpenEvents();
+
+  Platform->Hub.Initialize();
+  EFI_HANDLE Handle = nullptr;
+  ASSERT_EQ(Sim.Install(&Handle, gPointerRegistrationProtocolGuid, &Platform->Hub.PointerRegistration), EFI_SUCCESS);
+  EXPECT_EQ(mPointerRegistration, &Platform->Hub.PointerRegistration);
+  EXPECT_TRUE(Recorded("PointerRegister", &mPointerRegistration));
+  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
+  EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1) << "the notification closed its event";
+}
+
+TEST_F(PointerRegistrationTest, DestructorClosesTheWaitingNotification) {
+  Install.PointerRegistration = FALSE;
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  size_t EventsBefore = Sim.OpenEvents();
+  EXPECT_EQ(PointerRegistrationLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
+  EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1);
+}
+
+TEST_F(PointerRegistrationTest, BootServiceImageIgnoresTheServiceWhenItAppearsLate) {
+  Install.PointerRegistration = FALSE;
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  Platform->Hub.Initialize();
+  EFI_HANDLE Handle = nullptr;
+  ASSERT_EQ(Sim.Install(&Handle, gPointerRegistrationProtocolGuid, &Platform->Hub.PointerRegistration), EFI_SUCCESS);
+  EXPECT_EQ(mPointerRegistration, &Platform->Hub.PointerRegistration);
+  EXPECT_EQ(Platform->CountCalls("PointerRegister"), 0u);
+}
+
+TEST_F(PointerRegistrationTest, InsideSmmTheLibraryDoesNothing) {
+  PrepareBoot();
+  MakeRuntimeImage();
+  Sim.InstallSmmBase2(TRUE);
+  UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+  EXPECT_EQ(PointerRegistrationLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_EQ(mPointerRegistration, nullptr);
+  EXPECT_FALSE(mIsRuntimeImage);
+  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
+}
+
+TEST_F(PointerRegistrationTest, PlatformPointersNeedTheFlashService) {
+  Install.FlashService = FALSE;
+  MakeRuntimeImage();
+  PrepareBoot();
+  UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+  EXPECT_EQ(PlatformPointerRegistrationConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_NOT_FOUND);
+  EXPECT_EQ(mRuntimeFlashService, nullptr);
+  EXPECT_EQ(Platform->CountCalls("PointerRegister"), 0u);
+}
+
+}  // namespace

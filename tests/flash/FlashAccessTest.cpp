@@ -1,0 +1,178 @@
+// The image-to-device address model and WriteImageRange: compare-before-write on the
+// mapped flash, the lower part always written, the EC part and its deferral, device errors.
+#include <vector>
+
+#include "../../src/flash/FlashAccess.h"
+#include "FlashFixture.h"
+
+namespace {
+
+class FlashWriteImageRange : public FlashFixture {
+protected:
+  // The driver started on the platform's layout, with the current flash as the accepted image.
+  void StartWithImage() {
+    Start();
+    ASSERT_EQ(Platform->FlashService->GetFlashInfo(&mFlashInfo), EFI_SUCCESS);
+    const UINT32 EcSize = Platform->Layout.EcSize;
+    Image.resize(EcSize + Platform->Flash.Size());
+    std::copy(Platform->EcStore, Platform->EcStore + EcSize, Image.begin());
+    std::copy(Platform->Flash.Bytes(), Platform->Flash.Bytes() + Platform->Flash.Size(), Image.begin() + EcSize);
+    mVerifiedImage = Image.data();
+    mVerifiedImageSize = Image.size();
+    Platform->ClearCalls();
+    Platform->Flash.ResetStats();
+  }
+  ~FlashWriteImageRange() override {
+    mVerifiedImage = nullptr;
+    mVerifiedImageSize = 0;
+  }
+
+  // One buffer for every test, so that its pages are touched once per process.
+  static std::vector<UINT8> &AcceptedImage() {
+    static std::vector<UINT8> Buffer;
+    return Buffer;
+  }
+  std::vector<UINT8> &Image = AcceptedImage();
+};
+
+TEST_F(FlashWriteImageRange, EqualMappedRangeIsSkippedYetCountsAsWritten) {
+  StartWithImage();
+  ASSERT_FALSE(mFlashWritten);
+  EXPECT_EQ(WriteImageRange(0x2000, 0x1B0000, 0), EFI_SUCCESS);
+  EXPECT_TRUE(mFlashWritten);
+  EXPECT_EQ(Platform->CountCalls("WriteFlash"), 0u);
+  EXPECT_EQ(Platform->Flash.Stats().SectorErases, 0u);
+}
+
+TEST_F(FlashWriteImageRange, DifferingMappedRangeIsWrittenThroughTheService) {
+  StartWithImage();
+  Image[0x1B0010] ^= 0xFF;
+  EXPECT_EQ(WriteImageRange(0x1000, 0x1B0000, 0), EFI_SUCCESS);
+  auto Writes = CallsNamed("WriteFlash");
+  ASSERT_EQ(Writes.size(), 1u);
+  EXPECT_EQ(Writes[0].Arguments[0], 0u) << "type 0";
+  EXPECT_EQ(Writes[0].Arguments[1], 0xFF1B0000u);
+  EXPECT_EQ(Writes[0].Arguments[2], reinterpret_cast<UINT64>(Image.data() + 0x1B0000));
+  EXPECT_EQ(Writes[0].Arguments[3], 0x1000u);
+  EXPECT_EQ(Platform->Flash.Bytes()[0x1B0010], Image[0x1B0010]);
+  EXPECT_EQ(Platform->Flash.Stats().SectorErases, 1u);
+  EXPECT_TRUE(mFlashWritten);
+}
+
+TEST_F(FlashWriteImageRange, ExplicitSourceIsComparedAndWritten) {
+  StartWithImage();
+  std::vector<UINT8> Source(0x100, 0x5A);
+  EXPECT_EQ(WriteImageRange(0x100, 0x200, reinterpret_cast<UINT64>(Source.data())), EFI_SUCCESS);
+  EXPECT_EQ(Platform->CountCalls("WriteFlash"), 1u);
+  EXPECT_EQ(Platform->Flash.Bytes()[0x2FF], 0x5A);
+  EXPECT_EQ(WriteImageRange(0x100, 0x200, reinterpret_cast<UINT64>(Source.data())), EFI_SUCCESS);
+  EXPECT_EQ(Platform->CountCalls("WriteFlash"), 1u) << "now equal: skipped";
+}
+
+TEST_F(FlashWriteImageRange, DeviceErrorIsReturnedAndLeavesTheFlagAlone) {
+  StartWithImage();
+  Image[0x300000] ^= 0x01;
+  Platform->Flash.FailOperation(1);
+  EXPECT_EQ(WriteImageRange(0x1000, 0x300000, 0), EFI_DEVICE_ERROR);
+  EXPECT_FALSE(mFlashWritten);
+  EXPECT_EQ(WriteImageRange(0x1000, 0x300000, 0), EFI_SUCCESS) << "no retries here; the caller's next call works";
+  EXPECT_TRUE(mFlashWritten);
+}
+
+TEST_F(FlashWriteImageRange, RangeOutsideTheAcceptedImageTouchesNoDevice) {
+  StartWithImage();
+  EXPECT_EQ(WriteImageRange(0x1000, Image.size() - 0xFFF, 0), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(WriteImageRange(1, 0xFFFFFFFFFFFFFFFFull, 0), EFI_INVALID_PARAMETER);
+  mVerifiedImage = nullptr;
+  EXPECT_EQ(WriteImageRange(0x10, 0, 0), EFI_INVALID_PARAMETER) << "no image accepted yet";
+  EXPECT_EQ(Platform->CallCount, 0u);
+  EXPECT_FALSE(mFlashWritten);
+}
+
+TEST_F(FlashWriteImageRange, LowerPartIsAlwaysWrittenNeverCompared) {
+  UseLayout({0x0, 0x100000, 0x01000000, 0x20000});
+  StartWithImage();
+  EXPECT_EQ(WriteImageRange(0x1000, 0x80000, 0), EFI_SUCCESS);
+  auto Writes = CallsNamed("WriteFlash");
+  ASSERT_EQ(Writes.size(), 1u) << "equal bytes, still written";
+  EXPECT_EQ(Writes[0].Arguments[1], 0xFEF80000u);
+  EXPECT_TRUE(mFlashWritten);
+  EXPECT_EQ(WriteImageRange(0x1000, 0x100000, 0), EFI_SUCCESS) << "the first mapped block is compared";
+  EXPECT_EQ(Platform->CountCalls("WriteFlash"), 1u);
+}
+
+TEST_F(FlashWriteImageRange, EcRangeGoesToTheEcStoreWhole) {
+  UseLayout({0x20000, 0x0, 0x01000000, 0x20000});
+  StartWithImage();
+  Image[0x1FFF0] ^= 0xFF;
+  EXPECT_EQ(WriteImageRange(0x20, 0x1FFF0, 0), EFI_INVALID_PARAMETER)
+      << "a range starting in the EC part is not split at its end; the store refuses the overrun";
+  EXPECT_FALSE(mFlashWritten);
+  EXPECT_EQ(WriteImageRange(0x10, 0x1FFF0, 0), EFI_SUCCESS);
+  auto Writes = CallsNamed("WriteEc");
+  ASSERT_EQ(Writes.size(), 2u);
+  EXPECT_EQ(Writes[1].Arguments[0], reinterpret_cast<UINT64>(Image.data() + 0x1FFF0));
+  EXPECT_EQ(Writes[1].Arguments[1], 0x10u);
+  EXPECT_EQ(Writes[1].Arguments[2], 0x1FFF0u);
+  EXPECT_EQ(Platform->EcStore[0x1FFF0], Image[0x1FFF0]);
+  EXPECT_EQ(Platform->CountCalls("WriteFlash"), 0u);
+  EXPECT_TRUE(mFlashWritten);
+}
+
+TEST_F(FlashWriteImageRange, DeferredEcRangeSucceedsWithoutADeviceCall) {
+  UseLayout({0x20000, 0x0, 0x01000000, 0x20000});
+  StartWithImage();
+  mEcUpdateDeferred = TRUE;
+  EXPECT_EQ(WriteImageRange(0x1000, 0x0, 0), EFI_SUCCESS);
+  EXPECT_TRUE(mFlashWritten);
+  EXPECT_EQ(Platform->CallCount, 0u);
+}
+
+TEST_F(FlashWriteImageRange, OffsetAddressingNothingCountsAsWritten) {
+  StartWithImage();
+  mFlashInfo.MappedFlashSize = 0;
+  EXPECT_EQ(WriteImageRange(0x1000, 0x0, 0), EFI_SUCCESS);
+  EXPECT_TRUE(mFlashWritten);
+  EXPECT_EQ(Platform->CallCount, 0u);
+}
+
+struct AddressCase {
+  const char *Name;
+  UINT32 EcSize, LowerFlashSize, MappedFlashSize;
+  UINT64 ImageOffset;
+  ImageTarget Target;
+  UINT64 Address;
+};
+
+class FlashImageOffset : public ::testing::TestWithParam<AddressCase> {
+protected:
+  ~FlashImageOffset() override {
+    mFlashBase = 0;
+    mFlashInfo = {};
+  }
+};
+
+TEST_P(FlashImageOffset, MapsToTheDeviceThePartNames) {
+  const AddressCase &Case = GetParam();
+  mFlashBase = 0xFF000000;
+  mFlashInfo.EcSize = Case.EcSize;
+  mFlashInfo.LowerFlashSize = Case.LowerFlashSize;
+  mFlashInfo.MappedFlashSize = Case.MappedFlashSize;
+  ImageLocation Where = ImageOffsetToFlashAddress(Case.ImageOffset);
+  EXPECT_EQ(Where.Target, Case.Target);
+  EXPECT_EQ(Where.Address, Case.Address);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, FlashImageOffset,
+    ::testing::Values(
+        AddressCase{"NoEcPartOffsetZeroIsTheLowerPartStart", 0, 0x100000, 0x1000000, 0, ImageTarget::Flash, 0xFEF00000},
+        AddressCase{"MappedOnly", 0, 0, 0x1000000, 0xFFFFFF, ImageTarget::Flash, 0xFFFFFFFF},
+        AddressCase{"EcPart", 0x20000, 0, 0x1000000, 0x1FFFF, ImageTarget::EcStore, 0x1FFFF},
+        AddressCase{"FirstByteAfterTheEcPart", 0x20000, 0, 0x1000000, 0x20000, ImageTarget::Flash, 0xFF000000},
+        AddressCase{"EcAndLowerParts", 0x20000, 0x80000, 0x1000000, 0x20000, ImageTarget::Flash, 0xFEF80000},
+        AddressCase{"NoMappedPart", 0x20000, 0x80000, 0, 0x30000, ImageTarget::Nothing, 0},
+        AddressCase{"HugeOffsetStays64Bit", 0, 0, 0x1000000, 0x100000000ull, ImageTarget::Flash, 0x1FF000000ull}),
+    [](const auto &Info) { return std::string(Info.param.Name); });
+
+}  // namespace

@@ -1,0 +1,154 @@
+// The emulated SPI NOR chip: erase and program semantics, the timing model, and the two
+// kinds of injected faults.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "../../emu/EmuFlashChip.h"
+
+namespace {
+
+constexpr UINT32 kChipSize = 4 * EmuFlashChip::kSectorSize;
+
+class FlashChip : public ::testing::Test {
+protected:
+  FlashChip() : Storage(kChipSize, 0x00) { Chip.Attach(Storage.data(), kChipSize); }
+
+  std::vector<UINT8> Bytes(UINT32 Offset, UINT32 Length) const {
+    return std::vector<UINT8>(Storage.begin() + Offset, Storage.begin() + Offset + Length);
+  }
+
+  std::vector<UINT8> Storage;
+  EmuFlashChip Chip;
+};
+
+TEST_F(FlashChip, StartsErasedAndProgramOnlyClearsBits) {
+  EXPECT_EQ(Bytes(0, 4), std::vector<UINT8>(4, 0xFF));
+  const UINT8 First[2] = {0xF0, 0x3C};
+  ASSERT_EQ(Chip.Program(0x10, First, 2), EFI_SUCCESS);
+  EXPECT_EQ(Chip.Stats().ProgramFaults, 0u);
+
+  const UINT8 Second[2] = {0x0F, 0x3C};  // 0x0F over 0xF0 wants bits set back to 1
+  ASSERT_EQ(Chip.Program(0x10, Second, 2), EFI_SUCCESS);
+  EXPECT_EQ(Bytes(0x10, 2), (std::vector<UINT8>{0x00, 0x3C})) << "the cell keeps the AND";
+  EXPECT_EQ(Chip.Stats().ProgramFaults, 1u);
+  EXPECT_EQ(Chip.Stats().Programs, 2u);
+  EXPECT_EQ(Chip.Stats().BytesProgrammed, 4u);
+}
+
+TEST_F(FlashChip, EraseCoversEverySectorTheRangeTouches) {
+  const std::vector<UINT8> Zeros(kChipSize, 0);
+  Chip.Load(0, Zeros.data(), kChipSize);
+  ASSERT_EQ(Chip.EraseSectors(EmuFlashChip::kSectorSize - 1, 2), EFI_SUCCESS);
+  EXPECT_EQ(Chip.Stats().SectorErases, 2u);
+  EXPECT_EQ(Bytes(0, 2 * EmuFlashChip::kSectorSize), std::vector<UINT8>(2 * EmuFlashChip::kSectorSize, 0xFF));
+  EXPECT_EQ(Bytes(2 * EmuFlashChip::kSectorSize, 1), std::vector<UINT8>{0x00}) << "the third sector is untouched";
+  EXPECT_EQ(Chip.EraseSectors(0x100, 0), EFI_SUCCESS);
+  EXPECT_EQ(Chip.Stats().SectorErases, 2u) << "an empty range erases nothing";
+}
+
+TEST_F(FlashChip, LoadIsNotCounted) {
+  const UINT8 Data[3] = {1, 2, 3};
+  Chip.Load(5, Data, 3);
+  EXPECT_EQ(Bytes(5, 3), (std::vector<UINT8>{1, 2, 3}));
+  EXPECT_EQ(Chip.Stats().Programs, 0u);
+  EXPECT_EQ(Chip.Time().Total(), 0u);
+}
+
+struct OutOfRangeCase {
+  const char *Name;
+  UINT32 Offset;
+  UINT32 Length;
+};
+
+class FlashChipOutOfRange : public FlashChip, public ::testing::WithParamInterface<OutOfRangeCase> {};
+
+TEST_P(FlashChipOutOfRange, EveryOperationRefusesAndChangesNothing) {
+  const OutOfRangeCase &Case = GetParam();
+  std::vector<UINT8> Buffer(16, 0x00);
+  EXPECT_EQ(Chip.Read(Case.Offset, Buffer.data(), Case.Length), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(Chip.EraseSectors(Case.Offset, Case.Length), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(Chip.Program(Case.Offset, Buffer.data(), Case.Length), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(Chip.Stats().Reads + Chip.Stats().SectorErases + Chip.Stats().Programs, 0u);
+  EXPECT_EQ(Chip.OperationsCounted(), 0u) << "refused operations do not move the fault counter";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ranges, FlashChipOutOfRange,
+    ::testing::Values(OutOfRangeCase{"OneBytePastTheEnd", kChipSize, 1},
+                      OutOfRangeCase{"EndingOnePastTheEnd", kChipSize - 4, 5},
+                      OutOfRangeCase{"LengthWrappingPast4G", 0x10, 0xFFFFFFF8},
+                      OutOfRangeCase{"OffsetNear4G", 0xFFFFFFFF, 1}),
+    [](const auto &Info) { return std::string(Info.param.Name); });
+
+TEST_F(FlashChip, TimingUsesSectorEraseAndWholePagePrograms) {
+  ASSERT_EQ(Chip.EraseSectors(0, 2 * EmuFlashChip::kSectorSize), EFI_SUCCESS);
+  EXPECT_EQ(Chip.Time().EraseNanoseconds, 2 * 45000000ull);
+
+  std::vector<UINT8> Data(EmuFlashChip::kPageSize + 2, 0x00);
+  ASSERT_EQ(Chip.Program(0, Data.data(), EmuFlashChip::kPageSize), EFI_SUCCESS);  // one whole page
+  ASSERT_EQ(Chip.Program(0x1FF, Data.data(), 2), EFI_SUCCESS);  // two bytes across a page boundary
+  EXPECT_EQ(Chip.Time().ProgramNanoseconds, 3 * 700000ull);
+
+  ASSERT_EQ(Chip.Read(0, Data.data(), 100), EFI_SUCCESS);
+  EXPECT_EQ(Chip.Time().ReadNanoseconds, 100 * 60ull);
+  EXPECT_EQ(Chip.Time().Total(), 2 * 45000000ull + 3 * 700000ull + 6000ull);
+
+  Chip.ResetStats();
+  EXPECT_EQ(Chip.Time().Total(), 0u);
+  EXPECT_EQ(Chip.Stats().SectorErases, 0u);
+}
+
+TEST_F(FlashChip, FailedOperationReturnsDeviceErrorAndLeavesTheArray) {
+  Chip.FailOperation(2);
+  const UINT8 Data[4] = {0x11, 0x22, 0x33, 0x44};
+  ASSERT_EQ(Chip.EraseSectors(0, 1), EFI_SUCCESS);  // operation 1
+  EXPECT_EQ(Chip.Program(0, Data, 4), EFI_DEVICE_ERROR);  // operation 2
+  EXPECT_EQ(Bytes(0, 4), std::vector<UINT8>(4, 0xFF));
+  EXPECT_EQ(Chip.Stats().Programs, 0u);
+  EXPECT_EQ(Chip.Program(0, Data, 4), EFI_SUCCESS) << "only the Nth operation fails";
+  EXPECT_EQ(Bytes(0, 4), (std::vector<UINT8>{0x11, 0x22, 0x33, 0x44}));
+  EXPECT_FALSE(Chip.PowerLost());
+}
+
+TEST_F(FlashChip, EachErasedSectorIsOneOperation) {
+  const std::vector<UINT8> Zeros(kChipSize, 0);
+  Chip.Load(0, Zeros.data(), kChipSize);
+  Chip.FailOperation(2);
+  EXPECT_EQ(Chip.EraseSectors(0, 3 * EmuFlashChip::kSectorSize), EFI_DEVICE_ERROR);
+  EXPECT_EQ(Bytes(0, 1), std::vector<UINT8>{0xFF}) << "sector 0 was erased before the fault";
+  EXPECT_EQ(Bytes(EmuFlashChip::kSectorSize, 1), std::vector<UINT8>{0x00});
+  EXPECT_EQ(Bytes(2 * EmuFlashChip::kSectorSize, 1), std::vector<UINT8>{0x00}) << "nothing after the fault";
+  EXPECT_EQ(Chip.Stats().SectorErases, 1u);
+}
+
+TEST_F(FlashChip, PowerCutDuringEraseLeavesTheSectorErasedAndStopsTheChip) {
+  const std::vector<UINT8> Zeros(kChipSize, 0);
+  Chip.Load(0, Zeros.data(), kChipSize);
+  Chip.CutPowerAtOperation(1);
+  EXPECT_EQ(Chip.EraseSectors(0, 2 * EmuFlashChip::kSectorSize), EFI_DEVICE_ERROR);
+  EXPECT_TRUE(Chip.PowerLost());
+  EXPECT_EQ(Bytes(0, EmuFlashChip::kSectorSize), std::vector<UINT8>(EmuFlashChip::kSectorSize, 0xFF));
+  EXPECT_EQ(Bytes(EmuFlashChip::kSectorSize, 1), std::vector<UINT8>{0x00});
+
+  UINT8 Buffer[4] = {};
+  EXPECT_EQ(Chip.Read(0, Buffer, 4), EFI_DEVICE_ERROR);
+  EXPECT_EQ(Chip.Program(0, Buffer, 4), EFI_DEVICE_ERROR);
+  EXPECT_EQ(Chip.EraseSectors(EmuFlashChip::kSectorSize, 1), EFI_DEVICE_ERROR);
+  EXPECT_EQ(Bytes(EmuFlashChip::kSectorSize, 1), std::vector<UINT8>{0x00});
+
+  Chip.RestorePower();
+  EXPECT_EQ(Chip.Read(0, Buffer, 4), EFI_SUCCESS) << "the next boot finds what the cut left";
+  EXPECT_EQ(std::vector<UINT8>(Buffer, Buffer + 4), std::vector<UINT8>(4, 0xFF));
+}
+
+TEST_F(FlashChip, PowerCutDuringProgramLeavesItHalfDone) {
+  Chip.CutPowerAtOperation(1);
+  const std::vector<UINT8> Data(8, 0x00);
+  EXPECT_EQ(Chip.Program(0x20, Data.data(), 8), EFI_DEVICE_ERROR);
+  EXPECT_EQ(Bytes(0x20, 8), (std::vector<UINT8>{0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}));
+  EXPECT_EQ(Chip.Stats().BytesProgrammed, 4u);
+  EXPECT_EQ(Chip.Program(0x24, Data.data(), 4), EFI_DEVICE_ERROR);
+}
+
+}  // namespace

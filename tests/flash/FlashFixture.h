@@ -1,0 +1,78 @@
+// The flash scenarios: the default platform holding the reference image, with the HOBs of
+// an allowed and authorized update (tests switch each off before Start()).
+#pragma once
+#include <cstring>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "../../emu/host/EmuHostMemory.h"
+#include "../../src/base/Guids.h"
+#include "../../src/driver/DriverState.h"
+#include "../../src/flash/FlashRecords.h"
+#include "../../src/flash/FlashState.h"
+#include "../../tools/lib/ImageBuilder.h"
+#include "../support/PlatformFixture.h"
+
+class FlashFixture : public PlatformFixture {
+protected:
+  FlashFixture() { EXPECT_TRUE(LoadImage(*Platform, DefaultImage())); }
+
+  // Rebuilds the platform with another layout, holding the default image built for it.
+  void UseLayout(const EmuLayout &Layout) {
+    ASSERT_TRUE(Platform->Initialize(EmuHostMemory(), Layout));
+    ASSERT_TRUE(LoadImage(*Platform, ImageFor(Layout)));
+  }
+
+  // The default image for a layout, built once per process.
+  static const std::vector<uint8_t> &ImageFor(const EmuLayout &Layout) {
+    static std::map<std::tuple<UINT32, UINT32, UINT32>, std::vector<uint8_t>> Built;
+    auto Key = std::make_tuple(Layout.EcSize, Layout.LowerFlashSize, Layout.MappedFlashSize);
+    auto Found = Built.find(Key);
+    if (Found == Built.end()) {
+      DefaultImageOptions Options;
+      Options.Layout = Layout;
+      Found = Built.emplace(Key, BuildDefaultImage(Options).Bytes()).first;
+    }
+    return Found->second;
+  }
+
+  void Start() {
+    if (UpdateAllowedHob) {
+      Hobs.AddGuidHob(gUpdateAllowedHobGuid, nullptr, 0);
+    }
+    if (BootBlockUpdateHob) {
+      Hobs.AddGuidHob(gBootBlockUpdateHobGuid, nullptr, 0);
+    }
+    if (UpdateAuthorizedHob) {
+      Hobs.AddGuidHob(gUpdateAuthorizedHobGuid, nullptr, 0);
+    }
+    if (FullRecoveryHob) {
+      Hobs.AddGuidHob(gFullRecoveryHobGuid, nullptr, 0);
+    }
+    ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+    Platform->ClearCalls();
+    Platform->ClearTraces();
+  }
+
+  EFI_STATUS Query(BiosImageInterfaceProtocol *Table, BiosImageQueryRecord &Record) {
+    return Table->BiosQueryImage(Table, &Record);
+  }
+
+  // Calls recorded since Start(), by name, in order.
+  std::vector<EmuCall> CallsNamed(const char *Name) const {
+    std::vector<EmuCall> Found;
+    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
+      if (std::strcmp(Platform->Calls[Index].Name, Name) == 0) {
+        Found.push_back(Platform->Calls[Index]);
+      }
+    }
+    return Found;
+  }
+
+  bool UpdateAllowedHob = true;
+  bool BootBlockUpdateHob = true;
+  bool UpdateAuthorizedHob = true;
+  bool FullRecoveryHob = false;
+};

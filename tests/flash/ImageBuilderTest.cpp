@@ -1,0 +1,164 @@
+// The image builder: volumes whose headers and files check out, the BIOS ID where the
+// platform looks for it, placement by flash address across the image's parts, refused
+// overlaps, and loading an image into the emulated platform.
+#include <stdexcept>
+
+#include "../../src/flash/BiosIdRecord.h"
+#include "FlashFixture.h"
+
+namespace {
+
+using namespace EmuFlashLayout;
+
+uint8_t Sum8(const uint8_t *Bytes, size_t Length) {
+  uint8_t Sum = 0;
+  for (size_t Index = 0; Index < Length; Index++) {
+    Sum = static_cast<uint8_t>(Sum + Bytes[Index]);
+  }
+  return Sum;
+}
+
+// Walks a volume as a firmware volume parser would and reports the first inconsistency.
+std::string CheckVolume(std::span<const uint8_t> Volume, const EFI_GUID &FileSystem, size_t &Files) {
+  EFI_FIRMWARE_VOLUME_HEADER Header;
+  memcpy(&Header, Volume.data(), sizeof(Header));
+  if (Header.Signature != kFvSignature || Header.FvLength != Volume.size() ||
+      memcmp(&Header.FileSystemGuid, &FileSystem, sizeof(EFI_GUID)) != 0) {
+    return "volume header";
+  }
+  uint16_t Sum = 0;
+  for (size_t Offset = 0; Offset < Header.HeaderLength; Offset += 2) {
+    Sum = static_cast<uint16_t>(Sum + (Volume[Offset] | Volume[Offset + 1] << 8));
+  }
+  if (Sum != 0) {
+    return "volume header checksum";
+  }
+  if (Header.BlockMap[0].NumBlocks * Header.BlockMap[0].Length != Volume.size()) {
+    return "block map";
+  }
+  Files = 0;
+  size_t Offset = Header.HeaderLength;
+  while (Offset + sizeof(EFI_FFS_FILE_HEADER) <= Volume.size()) {
+    EFI_FFS_FILE_HEADER File;
+    memcpy(&File, Volume.data() + Offset, sizeof(File));
+    const auto Header = Volume.subspan(Offset, sizeof(File));
+    if (std::all_of(Header.begin(), Header.end(), [](uint8_t Byte) { return Byte == 0xFF; })) {
+      break;  // free space
+    }
+    const size_t Size = Uint24(File.Size);
+    if (Offset % 8 != 0 || Size < sizeof(File) || Size > Volume.size() - Offset) {
+      return "file bounds";
+    }
+    if (static_cast<uint8_t>(Sum8(Volume.data() + Offset, sizeof(File)) - File.FileChecksum - File.State) != 0) {
+      return "file header checksum";
+    }
+    const uint8_t DataSum = Sum8(Volume.data() + Offset + sizeof(File), Size - sizeof(File));
+    if ((File.Attributes & FFS_ATTRIB_CHECKSUM) != 0 ? static_cast<uint8_t>(DataSum + File.FileChecksum) != 0
+                                                      : File.FileChecksum != FFS_FIXED_CHECKSUM) {
+      return "file data checksum";
+    }
+    if (File.State != 0xF8) {
+      return "file state";
+    }
+    Files++;
+    Offset = (Offset + Size + 7) & ~size_t(7);
+  }
+  return "";
+}
+
+TEST(ImageBuilder, DefaultImageVolumesParse) {
+  const ImageBuilder Image = BuildDefaultImage();
+  struct {
+    const char *Name;
+    const EFI_GUID *FileSystem;
+    size_t MinimumFiles;
+  } Volumes[] = {{"OBB", &gEfiFirmwareFileSystem3Guid, 4},
+                 {"DXE", &gEfiFirmwareFileSystem2Guid, 6},
+                 {"IBB1", &gEfiFirmwareFileSystem2Guid, 6},
+                 {"NvStorage", &gEfiSystemNvDataFvGuid, 0}};
+  for (const auto &Volume : Volumes) {
+    const ImageBuilder::Region *Region = Image.FindRegion(Volume.Name);
+    ASSERT_NE(Region, nullptr) << Volume.Name;
+    size_t Files = 0;
+    EXPECT_EQ(CheckVolume(Image.At(Region->Address, Region->Size), *Volume.FileSystem, Files), "") << Volume.Name;
+    EXPECT_GE(Files, Volume.MinimumFiles) << Volume.Name;
+  }
+  EXPECT_EQ(Image.FindRegion("NvStorage")->Address, 0xFF14A000u) << "at VariableStoreBase";
+  EXPECT_EQ(Image.FindRegion("NvStorage")->Size, 0x30000u);
+  EXPECT_EQ(Image.FindRegion("IBB1")->Address, kBootBlockFvAddress);
+}
+
+TEST(ImageBuilder, BiosIdSitsOnASixteenByteStepOfTheBiosIdArea) {
+  DefaultImageOptions Options;
+  memcpy(Options.BiosId, "AB123", kBiosIdLength);
+  const ImageBuilder Image = BuildDefaultImage(Options);
+  const auto Area = Image.At(kBiosIdAreaAddress, kBiosIdAreaSize);
+  UINT8 Id[kBiosIdLength] = {};
+  ASSERT_TRUE(FindBiosId(ByteView(Area.data(), Area.size()), Id));
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(Id), kBiosIdLength), "AB123");
+}
+
+TEST(ImageBuilder, RecoveryCopiesMatchTheirOriginals) {
+  const ImageBuilder Image = BuildDefaultImage();
+  const auto Ibb1 = Image.At(kIbb1Address, kIbb1Size);
+  const auto Copy = Image.At(kRecoveryBase, kIbb1Size);
+  EXPECT_TRUE(std::equal(Ibb1.begin(), Ibb1.end(), Copy.begin()));
+  EXPECT_EQ(Image.FindRegion("IBB2R")->Address + kIbb2Size, kDxeFvAddress) << "the copies end where DXE starts";
+}
+
+TEST(ImageBuilder, FlashAddressesMapAcrossTheEcAndLowerParts) {
+  ImageBuilder Image(EmuLayout{0x1000, 0x2000, 0x10000, 0});
+  EXPECT_EQ(Image.Size(), 0x13000u);
+  const uint8_t Lower[2] = {1, 2}, Mapped[2] = {3, 4}, Ec[2] = {5, 6};
+  Image.PutBytes(0xFF000000 - 0x2000, Lower).PutBytes(0xFF000000, Mapped).PutEcBytes(0xFFE, Ec);
+  EXPECT_EQ(Image.Bytes()[0x1000], 1);
+  EXPECT_EQ(Image.Bytes()[0x3001], 4);
+  EXPECT_EQ(Image.Bytes()[0xFFF], 6);
+  EXPECT_THROW(Image.PutBytes(0xFF000000 - 0x2001, Lower), std::out_of_range);
+  EXPECT_THROW(Image.PutBytes(0xFF00FFFF, Lower), std::out_of_range) << "one byte past the mapped part";
+  EXPECT_THROW(Image.PutEcBytes(0xFFF, Ec), std::out_of_range);
+  EXPECT_THROW(Image.At(0xFF000000, SIZE_MAX), std::out_of_range);
+}
+
+TEST(ImageBuilder, OverlappingRegionsAreRefused) {
+  ImageBuilder Image;
+  Image.PlaceRegion("A", 0xFF100000, 0x1000);
+  EXPECT_THROW(Image.PlaceRegion("B", 0xFF100FFF, 0x10), std::invalid_argument);
+  EXPECT_THROW(Image.PlaceRegion("C", 0xFF0FF000, 0x1001), std::invalid_argument);
+  EXPECT_NO_THROW(Image.PlaceRegion("D", 0xFF101000, 0x10));
+  EXPECT_THROW(Image.PlaceRegion("E", 0xFEFFF000, 0x1000), std::out_of_range);
+}
+
+TEST(ImageBuilder, AlignedFileDataGetsAPadFileInFront) {
+  FirmwareVolumeBuilder Volume(gEfiFirmwareFileSystem2Guid, 0x2000);
+  const uint8_t Data[4] = {1, 2, 3, 4};
+  Volume.AddFile(GeneratedFileName(1), EFI_FV_FILETYPE_RAW, Data);  // data at 0x48 + 24 = 0x60
+  EXPECT_EQ(Volume.LastFileDataOffset(), 0x60u);
+  Volume.AddFile(GeneratedFileName(2), EFI_FV_FILETYPE_RAW, Data, 256);
+  EXPECT_EQ(Volume.LastFileDataOffset(), 0x100u);
+  size_t Files = 0;
+  EXPECT_EQ(CheckVolume(Volume.Bytes(), gEfiFirmwareFileSystem2Guid, Files), "");
+  EXPECT_EQ(Files, 3u) << "two files and the pad between them";
+  const std::vector<uint8_t> Huge(0x2000, 0);
+  EXPECT_THROW(Volume.AddFile(GeneratedFileName(3), EFI_FV_FILETYPE_RAW, Huge), std::length_error);
+}
+
+class ImageBuilderLoad : public FlashFixture {};
+
+TEST_F(ImageBuilderLoad, EcPartGoesToTheStoreAndTheFlashPartsToTheChip) {
+  const EmuLayout Layout = {0x4000, 0x10000, 0x01000000, 0x20000};
+  ASSERT_TRUE(Platform->Initialize(EmuHostMemory(), Layout));
+  ImageBuilder Image(Layout);
+  const std::vector<uint8_t> Ec = PseudoRandomBytes(0x4000, 7);
+  const uint8_t Lower[1] = {0x42}, Top[1] = {0x24};
+  Image.PutEcBytes(0, Ec).PutBytes(0xFEFF0000, Lower).PutBytes(0xFFFFFFFF, Top);
+  ASSERT_TRUE(LoadImage(*Platform, Image.Bytes()));
+  EXPECT_TRUE(std::equal(Ec.begin(), Ec.end(), Platform->EcStore));
+  EXPECT_EQ(Platform->EcStore[0x4000], 0xFF) << "the rest of the store is untouched";
+  EXPECT_EQ(Platform->Flash.Bytes()[0], 0x42);
+  EXPECT_EQ(*Platform->MappedFlash(0xFFFFFFFF, 1), 0x24);
+  EXPECT_EQ(Platform->Flash.Stats().Programs, 0u);
+  EXPECT_FALSE(LoadImage(*Platform, DefaultImage())) << "an image of another layout";
+}
+
+}  // namespace

@@ -1,0 +1,201 @@
+// The services the directory code stands on: SMN reads through the host bridge, the PSP's
+// recovery flag, the assertion reporter, the PSP debug print and the buffer store.
+#include <string>
+
+#include "../../src/base/Guids.h"
+#include "../../src/base/Print.h"
+#include "../../src/driver/Config.h"
+#include "../../src/psp/HeapBuffer.h"
+#include "../../src/psp/PspAssert.h"
+#include "../../src/psp/PspDebugPrint.h"
+#include "../../src/psp/Smn.h"
+#include "PspTestSupport.h"
+
+namespace {
+
+// A PSP debug print protocol that keeps what it was asked to print.
+struct RecordingPrint {
+  PspDebugPrintProtocol Protocol;
+  UINT32 LastLevel = 0;
+  std::string Text;
+  int Calls = 0;
+};
+RecordingPrint *gRecording = nullptr;
+
+EFI_STATUS EFIAPI RecordPrint(UINT32 Level, const CHAR8 *Format, VA_LIST Marker) {
+  CHAR8 Line[128];
+  AsciiVSPrint(Line, sizeof(Line), reinterpret_cast<const char *>(Format), Marker);
+  gRecording->LastLevel = Level;
+  gRecording->Text += reinterpret_cast<const char *>(Line);
+  gRecording->Calls++;
+  return EFI_SUCCESS;
+}
+
+class PspServices : public PspFixture {
+protected:
+  void SetUp() override {
+    PspFixture::SetUp();
+    Recording.Protocol.Print = RecordPrint;
+    gRecording = &Recording;
+  }
+  void TearDown() override { gRecording = nullptr; }
+  void InstallPrint() {
+    EFI_HANDLE Handle = nullptr;
+    ASSERT_EQ(Sim.Install(&Handle, gPspDebugPrintProtocolGuid, &Recording.Protocol), EFI_SUCCESS);
+    PrintHandle = Handle;
+  }
+  RecordingPrint Recording;
+  EFI_HANDLE PrintHandle = nullptr;
+};
+
+using PspSmn = PspServices;
+
+TEST_F(PspSmn, ReadGoesThroughIndexAndDataAndRestoresTheIndex) {
+  Platform->Soc.SetSmn(0x03810570, 0x12345678);
+  Platform->Soc.SmnIndex = 0x00ABCDEF;
+  UINT32 Value = 0;
+  SmnRead(0x03810570, &Value);
+  EXPECT_EQ(Value, 0x12345678u);
+  EXPECT_EQ(Platform->Soc.SmnIndex, 0x00ABCDEFu);
+  EXPECT_EQ(Platform->Soc.SmnDataReads, 1u);
+}
+
+TEST_F(PspSmn, RegistersBeyondTheConfiguredSpaceAreSkipped) {
+  gConfig.PcdPciExpressBaseSize = 0xB8;  // the index register falls outside
+  Platform->Soc.SetSmn(0x03810570, 0x12345678);
+  UINT32 Value = 0;
+  SmnRead(0x03810570, &Value);
+  EXPECT_EQ(Value, 0xFFFFFFFFu);
+  EXPECT_EQ(Platform->Soc.PciAccesses, 0u);
+}
+
+using PspRecovery = PspServices;
+
+TEST_F(PspRecovery, SwitchedOffReadsNothingAndPrintsNothing) {
+  InstallPrint();
+  Platform->Soc.SetBootedFromRecovery(TRUE);
+  EXPECT_FALSE(PspRecoveryFlag());
+  EXPECT_EQ(Platform->Soc.PciAccesses, 0u);
+  EXPECT_EQ(Recording.Calls, 0);
+}
+
+TEST_F(PspRecovery, Bit30OfTheRegisterTheSocSelects) {
+  InstallPrint();
+  gConfig.PcdPspRecoverySwitch = 1;
+  Platform->Soc.SetSmn(0x03810570, 0x40000001);
+  Platform->Soc.SetSmn(0x03810970, 0x00000002);
+  EXPECT_TRUE(PspRecoveryFlag());
+  EXPECT_EQ(Recording.Text, "RecoveryFlag 40000001\n");
+  EXPECT_EQ(Recording.LastLevel, 0x80000000u);
+
+  SelectSoc(0x00B20F00);  // information row with selector 2
+  Recording.Text.clear();
+  EXPECT_FALSE(PspRecoveryFlag());
+  EXPECT_EQ(Recording.Text, "RecoveryFlag 2\n");
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(PspRecovery, UnreadableRegisterIsReported) {
+  gConfig.PcdPspRecoverySwitch = 1;
+  Platform->Soc.SetSmn(0x03810570, 0xFFFFFFFF);
+  EXPECT_TRUE(PspRecoveryFlag());  // the value is still used
+  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22012088});
+}
+
+using PspAssertReporter = PspServices;
+
+TEST_F(PspAssertReporter, SilentUntilTheLibraryStartEnablesIt) {
+  ResetPspStateForTest();
+  AssertReport(0x22011152);
+  EXPECT_EQ(Platform->PortLogCount, 0u);
+  AmdCfgPcdBufLibDxeConstructor(Sim.ImageHandle(), Sim.SystemTable());
+  AssertReport(0x22011152);
+  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22011152});
+}
+
+TEST_F(PspAssertReporter, SimulatorAnswerReturnsAfterThePortWrites) {
+  AssertReport(0x22011152);
+  ASSERT_EQ(Platform->PortLogCount, 2u);
+  EXPECT_EQ(Platform->Soc.EscapeCount, 1u);
+  EXPECT_EQ(Platform->Soc.LastEscapeEbx, 2u);
+  EXPECT_EQ(Platform->DeadLoopCount, 0u);
+}
+
+TEST_F(PspAssertReporter, HardwareStopsCyclingTheCodeOnThePortDisplay) {
+  Platform->Soc.AnswersSimulatorEscape = FALSE;
+  AssertReport(0x22011152);
+  EXPECT_EQ(Platform->DeadLoopCount, 1u);
+  // One turn: the 64-bit value DEAD 2201 1152 0000 scrolled a byte at a time, 2.5 s apiece.
+  const UINT32 Expected[] = {0xDEAD, 0x22011152, 0x520000DE, 0x0000DEAD, 0x00DEAD22,
+                             0xDEAD2201, 0xAD220111, 0x22011152};
+  ASSERT_EQ(Platform->PortLogCount, 8u);
+  for (UINTN Index = 0; Index < 8; Index++) {
+    EXPECT_EQ(Platform->PortLog[Index].Value, Expected[Index]) << Index;
+    EXPECT_EQ(Platform->PortLog[Index].Port, Index == 0 ? 0xE0 : 0x80);
+  }
+  EXPECT_EQ(Platform->ElapsedMicroseconds, 6u * 2500000u);
+}
+
+TEST_F(PspAssertReporter, DriverStartSwitchesTheReporterOn) {
+  ResetPspStateForTest();
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(mPspAssertEnabled, 1);
+}
+
+using PspDebugOutput = PspServices;
+
+TEST_F(PspDebugOutput, FailedLocateReturnsItsStatusAndIsRetried) {
+  EXPECT_EQ(PspDebugPrint(0x80000000, "x %d\n", 1), EFI_NOT_FOUND);
+  InstallPrint();
+  EXPECT_EQ(PspDebugPrint(0x40, "x %d %a\n", 7, "y"), EFI_SUCCESS);
+  EXPECT_EQ(Recording.Text, "x 7 y\n");
+  EXPECT_EQ(Recording.LastLevel, 0x40u);
+}
+
+TEST_F(PspDebugOutput, TheInterfaceFoundFirstIsKept) {
+  InstallPrint();
+  EXPECT_EQ(PspDebugPrint(1, "a"), EFI_SUCCESS);
+  ASSERT_EQ(gBS->UninstallProtocolInterface(PrintHandle, const_cast<EFI_GUID *>(&gPspDebugPrintProtocolGuid),
+                                            &Recording.Protocol),
+            EFI_SUCCESS);
+  EXPECT_EQ(PspDebugPrint(1, "b"), EFI_SUCCESS);
+  EXPECT_EQ(Recording.Text, "ab");
+}
+
+using PspHeapBuffer = PspServices;
+
+TEST_F(PspHeapBuffer, HandlesKeepTheirZeroFilledBuffers) {
+  VOID *First = nullptr, *Again = nullptr, *Other = nullptr;
+  ASSERT_TRUE(GetHeapBuffer(41015, 1552, &First));
+  for (UINTN Index = 0; Index < 1552; Index++) {
+    ASSERT_EQ(static_cast<UINT8 *>(First)[Index], 0);
+  }
+  static_cast<UINT8 *>(First)[0] = 0x42;
+  ASSERT_TRUE(GetHeapBuffer(41015, 1552, &Again));
+  EXPECT_EQ(First, Again);
+  EXPECT_EQ(static_cast<UINT8 *>(Again)[0], 0x42);
+  ASSERT_TRUE(GetHeapBuffer(41016, 104, &Other));
+  EXPECT_NE(First, Other);
+  EXPECT_TRUE(GetHeapBuffer(41016, 16, &Again)) << "a smaller request is served by the registered buffer";
+  EXPECT_FALSE(GetHeapBuffer(41016, 105, &Again)) << "a larger one would be overrun";
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(PspHeapBuffer, CreationFailureIsReported) {
+  VOID *Buffer = nullptr;
+  Sim.FailAllocationAfter(1);
+  EXPECT_FALSE(GetHeapBuffer(41020, 104, &Buffer));
+  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x80426});
+  EXPECT_TRUE(GetHeapBuffer(41020, 104, &Buffer)) << "the next request creates it";
+}
+
+TEST_F(PspHeapBuffer, StoreIsFullAfterItsCapacity) {
+  VOID *Buffer = nullptr;
+  for (UINT32 Handle = 1; Handle <= kHeapBufferCapacity; Handle++) {
+    ASSERT_TRUE(GetHeapBuffer(Handle, 8, &Buffer));
+  }
+  EXPECT_FALSE(GetHeapBuffer(1000, 8, &Buffer));
+  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x80426});
+}
+
+}  // namespace

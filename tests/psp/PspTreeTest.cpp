@@ -1,0 +1,390 @@
+// Whole directory trees in the emulated flash: every shape the builder makes, found through
+// GetBiosEntry and GetPspEntry at the places the builder put them; the A/B choices; the
+// level-1 searches; the caches.
+#include <cstring>
+#include <vector>
+
+#include "../../src/driver/Config.h"
+#include "../../src/psp/HeapBuffer.h"
+#include "../../src/psp/PspDirectory.h"
+#include "../../src/psp/Soc.h"
+#include "PspTestSupport.h"
+
+namespace {
+
+using namespace PspImage;
+
+struct Found {
+  BOOLEAN Ok = FALSE;
+  UINT32 TypeWord = 0, Size = 0;
+  UINT64 Source = 0, Destination = 0;
+};
+
+Found BiosEntry(UINT8 Type, INT8 Instance = -1) {
+  Found F;
+  F.Ok = GetBiosEntry(Type, Instance, -1, &F.TypeWord, &F.Source, &F.Size, &F.Destination);
+  return F;
+}
+
+class PspTree : public PspFixture {
+protected:
+  PspImage::PspTree Use(UINT32 Signature, const PspTreeOptions &Options) {
+    SelectSoc(Signature);
+    PspImage::PspTree Tree = BuildPspTree(Options);
+    Place(Tree.Builder);
+    return Tree;
+  }
+
+  void ExpectEntry(const PlacedBiosEntry *Expected, const char *What) {
+    ASSERT_NE(Expected, nullptr) << What;
+    Found F = BiosEntry(static_cast<UINT8>(Expected->TypeWord & 0xFF));
+    ASSERT_TRUE(F.Ok) << What;
+    EXPECT_EQ(F.TypeWord, Expected->TypeWord) << What;
+    EXPECT_EQ(F.Source, Expected->Source) << What;
+    EXPECT_EQ(F.Size, Expected->Size) << What;
+    EXPECT_EQ(F.Destination, Expected->Destination) << What;
+  }
+};
+
+// ---- Every shape, every address mode ----------------------------------------------------
+
+struct ShapeCase {
+  const char *Name;
+  UINT32 Signature;
+  TreeShape Shape;
+  UINT32 PspId;
+  UINT32 BiosPointerOffset;
+  bool SixteenBit;
+  bool LocationsAsOffsets;
+};
+
+void PrintTo(const ShapeCase &Case, std::ostream *Out) { *Out << Case.Name; }
+
+const ShapeCase kShapes[] = {
+    {"PlainNarrowWindow", kSigRow13Narrow, TreeShape::Plain, 0xBC090000, 0x18, false, false},
+    {"PlainWideWindowOffsets", kSigRow9Plain, TreeShape::Plain, 0xBC0B0D00, 0x28, false, true},
+    {"PlainLevel2", kSigRow17Plain, TreeShape::PlainLevel2, 0xBC0B0500, 0x20, false, false},
+    {"PlainLevel2Offsets", kSigRow9Plain, TreeShape::PlainLevel2, 0xBC0B0D00, 0x28, false, true},
+    {"Combo", kSigRow7Combo, TreeShape::Combo, 0xBC0C0140, 0x28, false, false},
+    {"ComboFamily17", kSigRow12Combo, TreeShape::Combo, 0xBC0C0000, 0x28, false, true},
+    {"AbPair", kSigRow9Plain, TreeShape::AbPair, 0xBC0B0D00, 0x28, false, false},
+    {"AbPairSixteenBit", kSigRow22Sixteen, TreeShape::AbPair, 0xBC0D0600, 0, true, false},
+    {"AbKind1", kSigRow10Kind1, TreeShape::AbKind1, 0xBC0B0800, 0, false, false},
+    {"AbKind2", kSigRow3Kind2, TreeShape::AbKind2, 0xBC0D0400, 0, false, false},
+    {"AbKind2Offsets", kSigRow3Kind2, TreeShape::AbKind2, 0xBC0D0400, 0, false, true},
+    {"AbKind2SixteenBit", kSigRow22Sixteen, TreeShape::AbKind2, 0xBC0D0600, 0, true, false},
+};
+
+class PspTreeShapes : public PspTree, public ::testing::WithParamInterface<ShapeCase> {};
+
+TEST_P(PspTreeShapes, ApcbAndApobFoundWhereTheBuilderPutThem) {
+  const ShapeCase &Shape = GetParam();
+  for (AddressMode Mode : {AddressMode::Physical, AddressMode::FlashOffset, AddressMode::DirectoryRelative,
+                           AddressMode::SlotRelative}) {
+    SCOPED_TRACE(::testing::Message() << "address mode " << static_cast<int>(Mode));
+    ForgetBufferStore();
+    PspTreeOptions Options;
+    Options.Shape = Shape.Shape;
+    Options.PspId = Shape.PspId;
+    Options.BiosPointerOffset = Shape.BiosPointerOffset;
+    Options.SixteenBitTypes = Shape.SixteenBit;
+    Options.LocationsAsOffsets = Shape.LocationsAsOffsets;
+    Options.SourceMode = Mode;
+    PspImage::PspTree Tree = Use(Shape.Signature, Options);
+
+    for (UINT8 Type : {kTypeApcb, kTypeApcbBackup, kTypeApob}) {
+      const PlacedBiosEntry *Expected = Tree.Find(Type);
+      ExpectEntry(Expected, "copy A");
+      // Where the driver resolves the location, the item's bytes are there.
+      Found F = BiosEntry(Type);
+      std::vector<UINT8> Bytes(Expected->Size);
+      if (F.Ok && (F.Source >> 62) == 0) {
+        ASSERT_TRUE(ReadRom(F.Source, Bytes.data(), static_cast<UINT32>(Bytes.size())));
+        EXPECT_EQ(std::memcmp(Bytes.data(), Chip(Expected->DataOffset), Bytes.size()), 0);
+      }
+    }
+    EXPECT_FALSE(BiosEntry(0x61).Ok) << "a type the tree does not hold";
+    EXPECT_TRUE(Assertions().empty());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryShape, PspTreeShapes, ::testing::ValuesIn(kShapes),
+                         [](const ::testing::TestParamInfo<ShapeCase> &Info) { return std::string(Info.param.Name); });
+
+// ---- A/B copies -------------------------------------------------------------------------
+
+using PspAbCopies = PspTree;
+
+TEST_F(PspAbCopies, RecoveryFlagSwitchedOffAlwaysTakesCopyA) {
+  for (TreeShape Shape : {TreeShape::AbKind2, TreeShape::AbPair}) {
+    PspTreeOptions Options;
+    Options.Shape = Shape;
+    PspImage::PspTree Tree = Use(kSigRow3Kind2, Options);
+    Platform->Soc.SetBootedFromRecovery(TRUE);
+    ExpectEntry(Tree.Find(kTypeApcb), "switch off");
+    EXPECT_EQ(Platform->Soc.SmnDataReads, 0u);
+    ForgetBufferStore();
+  }
+}
+
+TEST_F(PspAbCopies, RecoveryFlagSetTakesCopyB) {
+  gConfig.PcdPspRecoverySwitch = 1;
+  for (TreeShape Shape : {TreeShape::AbKind2, TreeShape::AbPair}) {
+    PspTreeOptions Options;
+    Options.Shape = Shape;
+    PspImage::PspTree Tree = Use(kSigRow3Kind2, Options);
+    Platform->Soc.SetBootedFromRecovery(TRUE);
+    ExpectEntry(Tree.Find(kTypeApcb, true), "booted from B");
+    ExpectEntry(Tree.Find(kTypeApob, true), "booted from B");
+    ForgetBufferStore();
+    Platform->Soc.SetBootedFromRecovery(FALSE);
+    ExpectEntry(Tree.Find(kTypeApcb), "booted from A");
+    ForgetBufferStore();
+  }
+}
+
+TEST_F(PspAbCopies, KindOneHigherPriorityCopyIsPrimary) {
+  PspTreeOptions Options;
+  Options.Shape = TreeShape::AbKind1;
+  Options.PspId = 0xBC0B0800;
+  Options.KindOnePriorityA = 1;
+  Options.KindOnePriorityB = 7;
+  PspImage::PspTree Tree = Use(kSigRow10Kind1, Options);
+  ExpectEntry(Tree.Find(kTypeApcb, true), "primary is the B entry");
+}
+
+TEST_F(PspAbCopies, KindOnePriorities354MakePrimary5AndSecondary4) {
+  SelectSoc(kSigRow10Kind1);
+  PspImageBuilder B;
+  B.Put(0xF83000, PspImage::AbHeaderKind1(3, 0xFFF84000));
+  B.Put(0xF83100, PspImage::AbHeaderKind1(5, 0xFFF85000));
+  B.Put(0xF83200, PspImage::AbHeaderKind1(4, 0xFFF86000));
+  auto Level1 = HeldDirectory(PspDirectory("$PSP", {{kTypeCopyA, 16, 0xFFF83000},
+                                                    {kTypeCopyB, 16, 0xFFF83100},
+                                                    {kTypeCopyA, 16, 0xFFF83200}}));
+  Place(B);
+  const AbInfo *Info = nullptr;
+  ASSERT_TRUE(BuildAbInfo(Level1.data(), &Info));
+  EXPECT_EQ(UINT32{Info->PointerEntryCount}, 3u);
+  EXPECT_EQ(Info->ActiveCount, 3);
+  EXPECT_EQ(Info->InactiveCount, 0);
+  EXPECT_EQ(Info->PrimaryIndex, 1);
+  EXPECT_EQ(UINT32{Info->Primary.Priority}, 5u);
+  EXPECT_EQ(UINT32{Info->Primary.Level2Location}, 0xFFF85000u);
+  EXPECT_EQ(Info->SecondaryIndex, 2);
+  EXPECT_EQ(UINT32{Info->Secondary.Priority}, 4u);
+  EXPECT_EQ(UINT32{Info->Secondary.Level2Location}, 0xFFF86000u);
+}
+
+TEST_F(PspAbCopies, KindTwoHeadersOfAnotherSocAreInactive) {
+  SelectSoc(kSigRow3Kind2);
+  PspImageBuilder B;
+  B.Put(0xF83000, PspImage::AbHeaderKind2(1, 0xFFF84000, 0xBC0D0300));  // another SoC's copy
+  B.Put(0xF83100, PspImage::AbHeaderKind2(1, 0xFFF85000, 0xBC0D0400));
+  B.Put(0xF83200, PspImage::AbHeaderKind2(0, 0xFFF86000, 0xBC0D0400));
+  Place(B);
+  auto Level1 = HeldDirectory(PspDirectory("$PSP", {{kTypeCopyA, 32, 0xFFF83000},
+                                                    {kTypeCopyA, 32, 0xFFF83100},
+                                                    {kTypeCopyB, 32, 0xFFF83200}}));
+  const AbInfo *Info = nullptr;
+  ASSERT_TRUE(BuildAbInfo(Level1.data(), &Info));
+  EXPECT_EQ(UINT32{Info->PointerEntryCount}, 3u);
+  ASSERT_EQ(Info->ActiveCount, 1);
+  EXPECT_EQ(Info->Active[0], 1);
+  ASSERT_EQ(Info->InactiveCount, 2);
+  EXPECT_EQ(Info->Inactive[0], 0);
+  EXPECT_EQ(Info->Inactive[1], 2);
+  EXPECT_EQ(Info->PrimaryIndex, 1);
+  EXPECT_EQ(UINT32{Info->Primary.Level2Location}, 0xFFF85000u);
+  EXPECT_EQ(Info->SecondaryIndex, 2);
+}
+
+TEST_F(PspAbCopies, SummaryFailures) {
+  auto Level1 = HeldDirectory(PspDirectory("$PSP", {{kTypeCopyA, 16, 0xFFF83000}, {kTypeCopyB, 16, 0xFFF83100}}));
+  const AbInfo *Info = nullptr;
+
+  SelectSoc(kSigRow10Kind1);  // both priorities 0: no active copy
+  PspImageBuilder Zero;
+  Zero.Put(0xF83000, PspImage::AbHeaderKind1(0, 0xFFF84000)).Put(0xF83100, PspImage::AbHeaderKind1(0, 0xFFF85000));
+  Place(Zero);
+  EXPECT_FALSE(BuildAbInfo(Level1.data(), &Info));
+  EXPECT_TRUE(Assertions().empty());
+
+  SelectSoc(kSigRow9Plain);  // a SoC without an A/B scheme
+  EXPECT_FALSE(BuildAbInfo(Level1.data(), &Info));
+  EXPECT_TRUE(Assertions().empty());
+
+  auto Unreadable = HeldDirectory(PspDirectory("$PSP", {{kTypeCopyA, 16, 0x80000000}}));
+  SelectSoc(kSigRow10Kind1);
+  EXPECT_FALSE(BuildAbInfo(Unreadable.data(), &Info));
+  SelectSoc(kSigRow3Kind2);
+  EXPECT_FALSE(BuildAbInfo(Unreadable.data(), &Info));
+  SelectSoc(kSigNoSoc);
+  EXPECT_FALSE(BuildAbInfo(Level1.data(), &Info));
+  EXPECT_FALSE(BuildAbInfo(nullptr, &Info));
+  EXPECT_EQ(Assertions(), (std::vector<UINT32>{0x22010667, 0x22010646, 0x22010587, 0x22010583}));
+}
+
+// ---- Level-1 searches -------------------------------------------------------------------
+
+using PspLevel1 = PspTree;
+
+TEST_F(PspLevel1, TypeSeventySkipsTheLevelTwoStep) {
+  SelectSoc(kSigRow9Plain);
+  PspImageBuilder B;
+  B.Put(0x20000, Efs({.PspDirectory = 0xFFF80000, .BiosPointerOffset = 0x28, .BiosDirectory = 0xFFF82000}));
+  B.Put(0xF80000, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}}));
+  B.Put(0xF82000, BiosDirectory("$BHD", {{0x60, 0x100, 0xFFF90000, 0},
+                                         {0x62, 0x100, 0xFFF91000, 0},
+                                         {0x70, 0x400, 0xFFF86000, 0}}));
+  B.Put(0xF86000, BiosDirectory("$BL2", {{0x70, 0x100, 0xFFF92000, 0}, {0x60, 0x100, 0xFFF93000, 0}}));
+  Place(B);
+  EXPECT_EQ(BiosEntry(0x70).Source, 0xFFF86000u) << "the level-1 entry, not the one in \"$BL2\"";
+  EXPECT_EQ(BiosEntry(0x60).Source, 0xFFF93000u) << "level 2 first";
+  EXPECT_EQ(BiosEntry(0x62).Source, 0xFFF91000u) << "level 1 when level 2 lacks the type";
+}
+
+TEST_F(PspLevel1, InstanceSelectsAmongEntriesOfOneType) {
+  SelectSoc(kSigRow9Plain);
+  PspImageBuilder B;
+  B.Put(0x20000, Efs({.PspDirectory = 0xFFF80000, .BiosPointerOffset = 0x28, .BiosDirectory = 0xFFF82000}));
+  B.Put(0xF80000, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}}));
+  B.Put(0xF82000, BiosDirectory("$BHD", {{BiosTypeWord(0x68, 0), 0x100, 0xFFF90000, 0},
+                                         {BiosTypeWord(0x68, 1, 2), 0x100, 0xFFF91000, 0},
+                                         {0x70, 0x400, 0xFFF86000, 0}}));
+  B.Put(0xF86000, BiosDirectory("$BL2", {{BiosTypeWord(0x60, 0, 1), 0x100, 0xFFF92000, 0},
+                                         {BiosTypeWord(0x60, 3, 1), 0x100, 0xFFF93000, 0}}));
+  Place(B);
+  EXPECT_EQ(BiosEntry(0x68, 1).Source, 0xFFF91000u);
+  EXPECT_EQ(BiosEntry(0x68, -1).Source, 0xFFF90000u);
+  EXPECT_EQ(BiosEntry(0x60, 3).Source, 0xFFF93000u);
+  EXPECT_FALSE(BiosEntry(0x60, 2).Ok);
+  UINT32 Word, Size;
+  UINT64 Source, Destination;
+  EXPECT_TRUE(GetBiosL2Entry(0x60, -1, 1, TRUE, 0xFFF86000, &Word, &Source, &Size, &Destination));
+  EXPECT_FALSE(GetBiosL2Entry(0x60, -1, 2, TRUE, 0xFFF86000, &Word, &Source, &Size, &Destination));
+  EXPECT_TRUE(GetBiosL2Entry(0x60, 3, 1, TRUE, 0xFFF86000, &Word, &Source, &Size, &Destination));
+}
+
+TEST_F(PspLevel1, PspEntriesThroughLevel2AndLevel1) {
+  PspTreeOptions Options;
+  Options.Shape = TreeShape::PlainLevel2;
+  Options.BiosPointerOffset = 0x20;
+  PspImage::PspTree Tree = Use(kSigRow17Plain, Options);
+  UINT64 Location = 0;
+  UINT32 Size = 0;
+  ASSERT_TRUE(GetPspEntry(0x02, &Location, &Size)) << "held by \"$PL2\"";
+  EXPECT_GT(Location, Tree.PspLevel2A);
+  ASSERT_TRUE(GetPspEntry(0x01, &Location, &Size)) << "held by \"$PSP\"";
+  ASSERT_TRUE(GetPspEntry(0x40, &Location, &Size));
+  EXPECT_EQ(Location, Tree.PspLevel2A);
+  EXPECT_FALSE(GetPspEntry(0x0B, &Location, &Size));
+}
+
+TEST_F(PspLevel1, ComboWithoutThisSocFailsPspValidation) {
+  SelectSoc(kSigRow7Combo);
+  PspImageBuilder B;
+  B.Put(0x20000, Efs({.PspDirectory = 0xFFF80000, .ComboBiosDirectory = 0xFFF82000}));
+  B.Put(0xF80000, ComboDirectory("2PSP", {{0xBC0A0100, 0xFFF88000}}));
+  B.Put(0xF88000, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}}));
+  B.Put(0xF82000, ComboDirectory("2BHD", {{0xBC0A0100, 0xFFF8A000}}));
+  B.Put(0xF8A000, BiosDirectory("$BHD", {{0x60, 0x100, 0xFFF90000, 0}}));
+  Place(B);
+  const UINT8 *Directory = nullptr;
+  EXPECT_FALSE(GetPspDirectory(&Directory));
+  EXPECT_FALSE(GetBiosDirectory(&Directory)) << "the combo directory itself is no \"$BHD\"";
+  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22011388});
+}
+
+TEST_F(PspLevel1, KindTwoSocTriesTheAlternatePspDirectory) {
+  SelectSoc(kSigRow3Kind2);
+  PspImageBuilder B;
+  B.Put(0x20000, Efs({.PspDirectory = 0xFFF80000, .AlternatePspDirectory = 0xFFF88000}));
+  B.Put(0xF80000, ComboDirectory("2PSP", {{0xBC0A0100, 0xFFF89000}}));
+  B.Put(0xF88000, PspDirectory("$PSP", {{0x05, 0x100, 0xFFF8C000}}));
+  Place(B);
+  UINT64 Location = 0;
+  UINT32 Size = 0;
+  ASSERT_TRUE(GetPspEntry(0x05, &Location, &Size));
+  EXPECT_EQ(Location, 0xFFF8C000u);
+}
+
+TEST_F(PspLevel1, EfsSearchOrderAndGeneration) {
+  // 8-bit SoC: the last candidate offset is still searched.
+  SelectSoc(kSigRow9Plain);
+  PspImageBuilder Late;
+  Late.Put(0xFA0000, Efs({.PspDirectory = 0xFFF80000}));
+  Late.Put(0xF80000, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}}));
+  Place(Late);
+  const UINT8 *Directory = nullptr;
+  EXPECT_TRUE(GetPspDirectory(&Directory));
+  ForgetBufferStore();
+
+  // 16-bit SoC: only the first offset; the later candidate is never reached and the search
+  // stops at the first unreadable candidate, past the 16 MiB chip.
+  SelectSoc(kSigRow22Sixteen);
+  Platform->ClearPortLog();
+  EXPECT_FALSE(GetPspDirectory(&Directory));
+  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22011179});
+  ForgetBufferStore();
+
+  // A generation this processor refuses is passed over for the next candidate.
+  SelectSoc(kSigRow9Plain);
+  PspImageBuilder Old;
+  Old.Put(0x20000, Efs({.PspDirectory = 0xFFF81000, .Generation = 0xFF}));
+  Old.Put(0xF81000, PspDirectory("$PSP", {{0x07, 0x100, 0xFFF8D000}}));
+  Place(Old);
+  UINT64 Location = 0;
+  UINT32 Size = 0;
+  EXPECT_TRUE(GetPspEntry(0x01, &Location, &Size)) << "the EFS at 0xFA0000";
+  EXPECT_FALSE(GetPspEntry(0x07, &Location, &Size));
+}
+
+TEST_F(PspLevel1, UnknownSocAndMissingBiosPointer) {
+  SelectSoc(kSigNoSoc);
+  const UINT8 *Directory = nullptr;
+  EXPECT_FALSE(GetPspDirectory(&Directory));
+  EXPECT_FALSE(GetBiosDirectory(&Directory));
+  EXPECT_EQ(Assertions(), (std::vector<UINT32>{0x22011152, 0x22011331}));
+
+  // The reference SoC keeps no BIOS directory pointer in the EFS: none is read.
+  Platform->ClearPortLog();
+  PspTreeOptions Options;
+  Options.Shape = TreeShape::Plain;
+  Options.BiosPointerOffset = 0x28;
+  Use(kSigRow3Kind2, Options);
+  EXPECT_FALSE(GetBiosDirectory(&Directory));
+  EXPECT_TRUE(Assertions().empty());
+}
+
+// ---- Caches -----------------------------------------------------------------------------
+
+using PspDirectoryCache = PspTree;
+
+TEST_F(PspDirectoryCache, ValidCopiesServeLaterLookups) {
+  PspTreeOptions Options;
+  PspImage::PspTree Tree = Use(kSigRow3Kind2, Options);
+  ExpectEntry(Tree.Find(kTypeApcb), "first lookup");
+  std::memset(Chip(0xF80000), 0xFF, 0x8000);  // the tree is gone from flash
+  ExpectEntry(Tree.Find(kTypeApob), "served from the caches");
+
+  VOID *Cached = nullptr;
+  ASSERT_TRUE(GetHeapBuffer(41021, kDirectoryBufferSize, &Cached));
+  static_cast<UINT8 *>(Cached)[8] ^= 1;  // a cached "$PSP" that no longer validates is read again
+  EXPECT_FALSE(BiosEntry(kTypeApcb).Ok);
+}
+
+TEST_F(PspDirectoryCache, WithoutCachingEveryLookupReadsTheFlash) {
+  gConfig.PcdPspDirectorySwitch = 0;
+  PspTreeOptions Options;
+  PspImage::PspTree Tree = Use(kSigRow3Kind2, Options);
+  ExpectEntry(Tree.Find(kTypeApcb), "first lookup");
+  std::memset(Chip(0xF80000), 0xFF, 0x8000);
+  EXPECT_FALSE(BiosEntry(kTypeApcb).Ok);
+  for (UINTN Index = 0; Index < mHeapBufferCount; Index++) {
+    EXPECT_TRUE(mHeapBuffers[Index].Handle < 41020 || mHeapBuffers[Index].Handle > 41024)
+        << "cache buffer " << mHeapBuffers[Index].Handle << " created";
+  }
+}
+
+}  // namespace

@@ -1,0 +1,146 @@
+// ROM reads through the processor's flash windows: which window a family uses, the limits,
+// and the naturally aligned 64-bit loads.
+#include <array>
+#include <cstring>
+
+#include "../../src/psp/RomAccess.h"
+#include "PspTestSupport.h"
+
+namespace {
+
+class RomAccess : public PspFixture {
+protected:
+  void SetUp() override {
+    PspFixture::SetUp();
+    for (UINT32 Offset = 0; Offset < 0x100; Offset++) {
+      Chip(Offset)[0] = static_cast<UINT8>(Offset ^ 0x5A);
+    }
+    Chip(0xFFFFFF)[0] = 0x77;
+  }
+  UINT8 At(UINT32 Offset) { return *Chip(Offset); }
+};
+
+TEST_F(RomAccess, ThreeBytesAtOffsetSevenTakeTwoAlignedWords) {
+  UINT8 Out[3] = {};
+  ASSERT_TRUE(ReadRomByOffset(7, Out, 3));
+  EXPECT_EQ(Out[0], At(7));
+  EXPECT_EQ(Out[1], At(8));
+  EXPECT_EQ(Out[2], At(9));
+  // The window was asked for the aligned word holding byte 7 and the next one, nothing more.
+  EXPECT_EQ(Platform->Soc.LastWindowAddress, 0xFD00000000ull);
+  EXPECT_EQ(Platform->Soc.LastWindowLength, 16u);
+
+  SelectSoc(kSigRow13Narrow);
+  ASSERT_TRUE(ReadRomByOffset(7, Out, 3));
+  EXPECT_EQ(Platform->Soc.LastWindowAddress, 0xFF000000ull);
+  EXPECT_EQ(Platform->Soc.LastWindowLength, 16u);
+}
+
+TEST_F(RomAccess, EveryStartAndLengthCopiesExactlyTheBytesAsked) {
+  for (UINT32 Signature : {kSigRow3Kind2, kSigRow13Narrow}) {
+    SelectSoc(Signature);
+    for (UINT32 Start = 0; Start < 17; Start++) {
+      for (UINT32 Length = 1; Length < 26; Length++) {
+        std::array<UINT8, 40> Out;
+        Out.fill(0xEE);
+        ASSERT_TRUE(ReadRomByOffset(Start, Out.data(), Length));
+        EXPECT_EQ(std::memcmp(Out.data(), Chip(Start), Length), 0) << Start << "+" << Length;
+        EXPECT_EQ(Out[Length], 0xEE) << "nothing written past the length";
+        EXPECT_EQ(Platform->Soc.LastWindowAddress % 8, 0u);
+        EXPECT_EQ(Platform->Soc.LastWindowLength % 8, 0u);
+      }
+    }
+  }
+}
+
+TEST_F(RomAccess, NarrowWindowTakesTheOffsetModulo16MiB) {
+  SelectSoc(kSigRow13Narrow);
+  UINT8 Out[2] = {};
+  ASSERT_TRUE(ReadRomByOffset(0x3000010, Out, 2));
+  EXPECT_EQ(Out[0], At(0x10));
+  EXPECT_EQ(Platform->Soc.LastWindowAddress, 0xFF000010ull);
+  ASSERT_TRUE(ReadRomByOffset(0x1FFFFFF, Out, 1));
+  EXPECT_EQ(Out[0], 0x77);
+}
+
+TEST_F(RomAccess, LimitsOfEachWindow) {
+  UINT8 Out[8];
+  struct Case {
+    const char *What;
+    UINT32 Signature;
+    UINT32 Offset;
+    UINT32 Length;
+    bool Buffer;
+    bool Expected;
+  } Cases[] = {
+      {"no buffer", kSigRow3Kind2, 0, 4, false, false},
+      {"length 0", kSigRow3Kind2, 0, 0, true, false},
+      {"wide: offset at the 64 MiB limit", kSigRow3Kind2, 0x4000000, 1, true, false},
+      {"wide: last byte of the window", kSigRow3Kind2, 0x3FFFFFF, 1, true, false},  // beyond the 16 MiB chip
+      {"wide: crossing the 64 MiB limit", kSigRow3Kind2, 0x3FFFFFF, 2, true, false},
+      {"wide: longer than the window", kSigRow3Kind2, 0, 0xFFFFFFFF, true, false},
+      {"wide: past the chip", kSigRow3Kind2, 0x1000000, 4, true, false},
+      {"wide: last byte of the chip", kSigRow3Kind2, 0xFFFFFF, 1, true, true},
+      {"narrow: crossing 16 MiB", kSigRow13Narrow, 0xFFFFFF, 2, true, false},
+      {"narrow: longer than the window", kSigRow13Narrow, 0, 0x1000001, true, false},
+      {"narrow: last byte", kSigRow13Narrow, 0xFFFFFF, 1, true, true},
+  };
+  for (const Case &C : Cases) {
+    SelectSoc(C.Signature);
+    EXPECT_EQ(ReadRomByOffset(C.Offset, C.Buffer ? Out : nullptr, C.Length) != FALSE, C.Expected) << C.What;
+  }
+}
+
+TEST_F(RomAccess, Family1AReadsOffsetsThroughTheWideWindowButRefusesItsAddresses) {
+  UINT8 Out[4] = {};
+  SelectSoc(kSigFamily1A);
+  ASSERT_TRUE(ReadRomByOffset(0x10, Out, 4));
+  EXPECT_EQ(Platform->Soc.LastWindowAddress, 0xFD00000010ull);
+  EXPECT_FALSE(ReadRom(0xFD00000010ull, Out, 4));
+
+  SelectSoc(kSigRow3Kind2);  // family 0x19 may read the wide window as memory
+  std::memset(Out, 0, sizeof(Out));
+  ASSERT_TRUE(ReadRom(0xFD00000010ull, Out, 4));
+  EXPECT_EQ(Out[0], At(0x10));
+}
+
+TEST_F(RomAccess, LocationsOutsideTheWindowsAreRefused) {
+  UINT8 Out[8] = {};
+  struct Case {
+    const char *What;
+    UINT64 Location;
+    UINT32 Length;
+    bool Expected;
+  } Cases[] = {
+      {"flash offset", 0x10, 4, true},
+      {"mapped address", 0xFF000010, 4, true},
+      {"last mapped bytes", 0xFFFFFFF8, 8, true},
+      {"crossing 4 GiB", 0xFFFFFFFC, 8, false},
+      {"just above the offsets", 0x04000000, 4, false},
+      {"below the mapped window", 0xFEFFFFFF, 1, false},
+      {"above 4 GiB", 0x100000000ull, 4, false},
+      {"after the wide window", 0xFD04000000ull, 4, false},
+      {"wide window end crossed", 0xFD03FFFFFCull, 8, false},
+      {"length 0 at a mapped address", 0xFF000000, 0, true},
+      {"length 0 at a flash offset", 0x10, 0, false},
+  };
+  for (const Case &C : Cases) {
+    EXPECT_EQ(ReadRom(C.Location, Out, C.Length) != FALSE, C.Expected) << C.What;
+  }
+  std::memset(Out, 0, sizeof(Out));
+  ASSERT_TRUE(ReadRom(0xFF000020, Out, 3));
+  EXPECT_EQ(std::memcmp(Out, Chip(0x20), 3), 0);
+}
+
+TEST_F(RomAccess, DirectoryReadsZeroTheBufferFirst) {
+  std::array<UINT8, kDirectoryBufferSize> Buffer;
+  Buffer.fill(0xAA);
+  EXPECT_FALSE(ReadDirectory(0x80000000, Buffer.data()));
+  for (UINT8 Byte : Buffer) {
+    ASSERT_EQ(Byte, 0);
+  }
+  ASSERT_TRUE(ReadDirectory(0xFF000000, Buffer.data()));
+  EXPECT_EQ(std::memcmp(Buffer.data(), Chip(0), kDirectoryBufferSize), 0);
+}
+
+}  // namespace

@@ -1,0 +1,119 @@
+// Processor identification and the SoC tables: which row a processor selects, what the
+// EFS generation test accepts, and the library start that identifies the processor.
+#include "../../src/psp/Soc.h"
+#include "PspTestSupport.h"
+
+namespace {
+
+using SocIdentification = PspFixture;
+
+TEST_F(SocIdentification, FamilyAndModelComeFromBaseAndExtendedFields) {
+  struct Case {
+    UINT32 Signature, Family, ExtendedModel, Model;
+  } Cases[] = {
+      {0x00A70F41, 0x19, 0x7, 0x74},  // base family 0xF + extended 0x0A
+      {0x00800F12, 0x17, 0x0, 0x01},
+      {0x00B40F00, 0x1A, 0x4, 0x40},
+      {0x00600F20, 0x15, 0x0, 0x02},
+      {0x00000000, 0x00, 0x0, 0x00},
+  };
+  for (const Case &C : Cases) {
+    SelectSoc(C.Signature);
+    ProcessorId Cpu = IdentifyProcessor();
+    EXPECT_EQ(Cpu.Signature, C.Signature);
+    EXPECT_EQ(Cpu.Family, C.Family) << std::hex << C.Signature;
+    EXPECT_EQ(Cpu.ExtendedModel, C.ExtendedModel) << std::hex << C.Signature;
+    EXPECT_EQ(Cpu.Model, C.Model) << std::hex << C.Signature;
+  }
+}
+
+using SocDescriptorTable = PspFixture;
+
+TEST_F(SocDescriptorTable, ProcessorsSelectTheFirstMatchingRow) {
+  struct Case {
+    UINT32 Signature;
+    int Row;  // -1: no descriptor
+  } Cases[] = {
+      {0x00A70FC2, 0},   // base model 0xC: the row whose key names it
+      {0x00A70F82, 2},   // base model 0x8
+      {0x00A70F41, 3},   // any other model of the family goes to the row without a base model
+      {0x00A70FD0, 3},
+      {0x00A70F00, 3},
+      {0x00B40F00, 1},
+      {0x00A00F11, 9},   // stepping does not matter
+      {0x00890F83, 10},  // row 11's key has a base model but row 10 comes first
+      {0x00810F80, 14},  // likewise rows 14 and 15
+      {0x00A80F00, 22},
+      {0x00B70F00, 27},
+      {0x00C00F00, -1},  // unknown family
+      {0x00600F20, -1},
+      {0x00000000, -1},
+  };
+  for (const Case &C : Cases) {
+    SelectSoc(C.Signature);
+    const SocDescriptor *Found = nullptr;
+    BOOLEAN Matched = FindSocDescriptor(&Found);
+    if (C.Row < 0) {
+      EXPECT_FALSE(Matched) << std::hex << C.Signature;
+      continue;
+    }
+    ASSERT_TRUE(Matched) << std::hex << C.Signature;
+    EXPECT_EQ(Found - kSocDescriptors, C.Row) << std::hex << C.Signature;
+  }
+}
+
+TEST_F(SocDescriptorTable, RowZeroMatchesOnlyBaseModelC) {
+  for (UINT32 BaseModel = 0; BaseModel < 16; BaseModel++) {
+    SelectSoc(0x00A70F01 | BaseModel << 4);
+    const SocDescriptor *Found = nullptr;
+    ASSERT_TRUE(FindSocDescriptor(&Found));
+    EXPECT_EQ(Found == &kSocDescriptors[0], BaseModel == 0xC) << BaseModel;
+  }
+}
+
+using SocInfoTable = PspFixture;
+
+TEST_F(SocInfoTable, RecoverySelectorAndValueByProcessor) {
+  const SocInfo *Info = nullptr;
+  SelectSoc(0x00B00F20);
+  ASSERT_TRUE(FindSocInfo(&Info));
+  EXPECT_EQ(Info->RecoveryFlagSelector, 2);
+  EXPECT_EQ(SocInfoWord10(), 0x10900u);
+
+  SelectSoc(0x00830F10);
+  ASSERT_TRUE(FindSocInfo(&Info));
+  EXPECT_EQ(Info - kSocInfos, 1);
+  EXPECT_EQ(Info->RecoveryFlagSelector, 1);
+  EXPECT_EQ(SocInfoWord10(), 0x10500u);
+
+  SelectSoc(kSigRow3Kind2);  // the reference SoC has no information row
+  EXPECT_FALSE(FindSocInfo(&Info));
+  EXPECT_EQ(SocInfoWord10(), 0x10500u);
+}
+
+using SocEfsGeneration = PspFixture;
+
+TEST_F(SocEfsGeneration, GenerationFfRefusedFromFamily17Model30) {
+  struct Case {
+    UINT32 Signature;
+    UINT8 Generation;
+    bool Rejected;
+  } Cases[] = {
+      {0x00800F12, 0xFF, false},  // family 0x17 model 0x01
+      {0x00820F00, 0xFF, false},  // family 0x17 model 0x20
+      {0x00830F10, 0xFF, true},   // family 0x17 model 0x31
+      {0x00A70F41, 0xFF, true},   // family 0x19
+      {0x00B40F00, 0xFF, true},   // family 0x1A
+      {0x00600F20, 0xFF, false},  // family 0x15
+      {0x00A70F41, 0xFE, false},
+      {0x00830F10, 0x00, false},
+  };
+  for (const Case &C : Cases) {
+    SelectSoc(C.Signature);
+    UINT8 Efs[60] = {};
+    Efs[0x24] = C.Generation;
+    EXPECT_EQ(EfsGenerationRejected(Efs) != FALSE, C.Rejected) << std::hex << C.Signature;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,247 @@
+// Recording the TCG physical presence flags and three setup bytes into a settings record,
+// the two forms of the platform's enable switch, and the setup record locator.
+#include "../../src/base/Char16.h"
+#include "../../src/driver/Config.h"
+#include "../../src/verify/PhysicalPresence.h"
+#include "SettingsFixture.h"
+
+namespace {
+
+constexpr UINT8 kSentinel = 0x5C;
+
+class PhysicalPresence : public SettingsFixture {
+protected:
+  void SetUp() override { StartWithFlags(true, false); }
+
+  void PublishTcg(const std::vector<UINT8> &Value) {
+    Sim.SetVariable(u"PhysicalPresenceFlags", gEfiPhysicalPresenceGuid, 7, Value.data(), Value.size());
+  }
+  void PublishTcg2(const std::vector<UINT8> &Value) {
+    Sim.SetVariable(u"Tcg2PhysicalPresenceFlags", gEfiTcg2PhysicalPresenceGuid, 7, Value.data(), Value.size());
+  }
+
+  UINT32 PpFlags() const { return Get32(Record.data(), kPpFlagsOffset); }
+  UINT8 Source() const { return Record[kPpFlagsSourceOffset]; }
+
+  SettingsBytes Record = SettingsBytes(kSecuritySettingsSize, kSentinel);
+};
+
+struct ValueCase {
+  const char *Name;
+  std::vector<UINT8> Tcg;   // empty: not published
+  std::vector<UINT8> Tcg2;  // empty: not published
+  EFI_STATUS Expected;
+  UINT32 Flags;
+  UINT8 Source;
+};
+
+TEST_F(PhysicalPresence, RecordsTheFlagsOfWhicheverVariableIsThereTcg2First) {
+  const ValueCase Cases[] = {
+      {"only the TCG byte", {0x84}, {}, EFI_SUCCESS, 0x00000084, kPpFlagsSourceTcg},
+      {"both: TCG2 wins", {0x84}, {0x78, 0x56, 0x34, 0x12}, EFI_SUCCESS, 0x12345678, kPpFlagsSourceTcg2},
+      {"TCG2 of two bytes", {}, {0x34, 0x12}, EFI_SUCCESS, 0x00001234, kPpFlagsSourceTcg2},
+      {"neither", {}, {}, EFI_NOT_FOUND, 0, kPpFlagsSourceNone},
+      {"TCG of two bytes is not a TCG byte", {0x84, 0x01}, {}, EFI_NOT_FOUND, 0, kPpFlagsSourceNone},
+      {"TCG2 of five bytes is refused, TCG kept", {0x21}, {1, 2, 3, 4, 5}, EFI_SUCCESS, 0x21, kPpFlagsSourceTcg},
+      {"TCG2 of five bytes alone", {}, {1, 2, 3, 4, 5}, EFI_BUFFER_TOO_SMALL, 0, kPpFlagsSourceNone},
+  };
+  for (const ValueCase &Case : Cases) {
+    Sim.Variables().clear();
+    if (!Case.Tcg.empty()) {
+      PublishTcg(Case.Tcg);
+    }
+    if (!Case.Tcg2.empty()) {
+      PublishTcg2(Case.Tcg2);
+    }
+    Record.assign(kSecuritySettingsSize, kSentinel);
+    EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), Case.Expected) << Case.Name;
+    EXPECT_EQ(PpFlags(), Case.Flags) << Case.Name;
+    EXPECT_EQ(Source(), Case.Source) << Case.Name;
+    EXPECT_EQ(Record[kPlatformSecurityByte1Offset], EmuSettings::kField20Value) << Case.Name;
+    EXPECT_EQ(Record[kPlatformSecurityByte2Offset], EmuSettings::kField25Value) << Case.Name;
+    EXPECT_EQ(Record[kPlatformSecurityByte3Offset], EmuSettings::kField19Value) << Case.Name;
+    // Only the five fields change.
+    SettingsBytes Expected(kSecuritySettingsSize, kSentinel);
+    std::memcpy(Expected.data() + kPpFlagsOffset, Record.data() + kPpFlagsOffset, 5);
+    std::memcpy(Expected.data() + kPlatformSecurityByte1Offset, Record.data() + kPlatformSecurityByte1Offset, 3);
+    EXPECT_EQ(Record, Expected) << Case.Name;
+  }
+}
+
+TEST_F(PhysicalPresence, SetupBytesFollowTheFieldOffsetTable) {
+  EmuSettings &Settings = Platform->Settings;
+  Settings.SetupFieldOffsets[20] = 0x80;
+  Settings.SetupFieldOffsets[25] = 0x81;
+  Settings.SetupFieldOffsets[19] = 0x82;
+  Settings.SetupData[0x80] = 1;
+  Settings.SetupData[0x81] = 2;
+  Settings.SetupData[0x82] = 3;
+  RecordPhysicalPresenceFlags(Record.data());
+  EXPECT_EQ(Record[kPlatformSecurityByte1Offset], 1);
+  EXPECT_EQ(Record[kPlatformSecurityByte2Offset], 2);
+  EXPECT_EQ(Record[kPlatformSecurityByte3Offset], 3);
+  ASSERT_EQ(Calls("FlashDevicePrepareSetupData"), 1u);
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], reinterpret_cast<UINT64>(Platform->FlashDevice))
+      << "member 24 gets the interface and runs before the setup data is read";
+}
+
+struct SwitchCase {
+  const char *Name;
+  UINT8 Capabilities;  // flash service byte 0x31
+  UINT8 SetupByte87;   // older setup record layout
+  UINT8 SecuritySwitch;
+  bool Enabled;
+};
+
+TEST_F(PhysicalPresence, TheEnableSwitchHasTwoFormsAndAnOffSwitchChangesNothing) {
+  const SwitchCase Cases[] = {
+      {"setup record bit 2 set", 0x00, 0x04, 0, true},
+      {"setup record bit 2 among others", 0x00, 0xFF, 0, true},
+      {"setup record bit 2 clear", 0x00, 0xFB, 1, false},
+      {"security setup byte 1", 0x02, 0x00, 1, true},
+      {"security setup byte 0", 0x02, 0x04, 0, false},
+      {"security setup byte 5 is not 1", 0x02, 0x04, 5, false},
+      {"other capability bits do not select it", 0xFD, 0x04, 0, true},
+  };
+  for (const SwitchCase &Case : Cases) {
+    Sim.Variables().clear();
+    PublishTcg({0x84});
+    Platform->FlashService->FlashCapabilities = Case.Capabilities;
+    Platform->Settings.SetupRecord[87] = Case.SetupByte87;
+    Platform->Settings.SecuritySetup->PpRecordingSwitch = Case.SecuritySwitch;
+    Record.assign(kSecuritySettingsSize, kSentinel);
+    EFI_STATUS Status = RecordPhysicalPresenceFlags(Record.data());
+    if (Case.Enabled) {
+      EXPECT_EQ(Status, EFI_SUCCESS) << Case.Name;
+      EXPECT_EQ(Source(), kPpFlagsSourceTcg) << Case.Name;
+    } else {
+      EXPECT_EQ(Status, EFI_UNSUPPORTED) << Case.Name;
+      EXPECT_EQ(Record, SettingsBytes(kSecuritySettingsSize, kSentinel)) << Case.Name;
+    }
+  }
+}
+
+TEST_F(PhysicalPresence, RefusalsBeforeAnythingIsRead) {
+  gConfig.PpRecordingEnabled = FALSE;
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_UNSUPPORTED);
+  gConfig.PpRecordingEnabled = TRUE;
+  EXPECT_EQ(RecordPhysicalPresenceFlags(nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(Calls("FlashDevicePrepareSetupData"), 0u);
+
+  Platform->FlashDevice->SetupData = nullptr;
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_NOT_FOUND);
+  EXPECT_EQ(Record, SettingsBytes(kSecuritySettingsSize, kSentinel));
+}
+
+EFI_STATUS EFIAPI PrepareFailing(VOID *) { return EFI_DEVICE_ERROR; }
+
+TEST_F(PhysicalPresence, AFailedSetupPreparationIsReturnedAndNothingWritten) {
+  PublishTcg({0x84});
+  Platform->FlashDevice->PrepareSetupData = PrepareFailing;
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_DEVICE_ERROR);
+  EXPECT_EQ(Record, SettingsBytes(kSecuritySettingsSize, kSentinel));
+}
+
+// A variable service that reports more bytes than the buffer it was given holds.
+EFI_STATUS EFIAPI OverreportingGetVariable(CHAR16 *, EFI_GUID *, UINT32 *, UINTN *DataSize, VOID *Data) {
+  std::memset(Data, 0x7E, *DataSize);
+  *DataSize = 8;
+  return EFI_SUCCESS;
+}
+
+TEST_F(PhysicalPresence, AReadThatClaimsMoreThanFourBytesIsNotBelieved) {
+  EFI_GET_VARIABLE Original = Sim.RuntimeServices()->GetVariable;
+  Sim.RuntimeServices()->GetVariable = OverreportingGetVariable;
+  EFI_STATUS Status = RecordPhysicalPresenceFlags(Record.data());
+  Sim.RuntimeServices()->GetVariable = Original;
+  EXPECT_EQ(Status, EFI_SUCCESS) << "the one-byte read is sound";
+  EXPECT_EQ(Source(), kPpFlagsSourceTcg);
+  EXPECT_EQ(PpFlags(), 0x7Eu);
+}
+
+// ---- The setup record locator ----------------------------------------------------------------
+class PhysicalPresenceLocator : public ::testing::Test {
+protected:
+  std::vector<UINT8> NewerRecord(UINT16 Offset) {
+    std::vector<UINT8> Setup(2048, 0);
+    std::memcpy(Setup.data(), &gPlatformSetupLayoutGuid, sizeof(EFI_GUID));
+    Setup[0x26] = static_cast<UINT8>(Offset);
+    Setup[0x27] = static_cast<UINT8>(Offset >> 8);
+    return Setup;
+  }
+};
+
+TEST_F(PhysicalPresenceLocator, TheNewerLayoutAcceptsOnlyTheStartsOfItsFields) {
+  const UINT16 Accepted[] = {256, 288, 416, 448, 464, 496, 528, 1040, 1072, 1136, 1264, 1280, 1296, 1312, 1328, 1840};
+  for (UINT16 Offset : Accepted) {
+    std::vector<UINT8> Setup = NewerRecord(Offset);
+    EXPECT_EQ(PlatformSettingLocator(Setup.data()), Setup.data() + Offset) << Offset;
+  }
+  const UINT16 Refused[] = {0, 87, 255, 257, 300, 1841, 0xFFFF};
+  for (UINT16 Offset : Refused) {
+    std::vector<UINT8> Setup = NewerRecord(Offset);
+    EXPECT_EQ(PlatformSettingLocator(Setup.data()), Setup.data()) << Offset << " falls back to the first byte";
+  }
+}
+
+TEST_F(PhysicalPresenceLocator, AnyOtherRecordIsOfTheOlderLayout) {
+  std::vector<UINT8> Setup = NewerRecord(256);
+  Setup[15] ^= 1;  // no longer the layout GUID
+  EXPECT_EQ(PlatformSettingLocator(Setup.data()), Setup.data() + 87);
+  EXPECT_EQ(PlatformSettingLocator(nullptr), nullptr);
+}
+
+TEST_F(PhysicalPresence, ANewerSetupRecordIsReadAtTheFieldItNames) {
+  UINT8 *Setup = Platform->Settings.SetupRecord;
+  std::memcpy(Setup, &gPlatformSetupLayoutGuid, sizeof(EFI_GUID));
+  Setup[0x26] = 0x10;  // 1040
+  Setup[0x27] = 0x04;
+  Setup[87] = 0x00;
+  Setup[1040] = 0x04;
+  PublishTcg({0x01});
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_SUCCESS);
+
+  Setup[1040] = 0x00;
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_UNSUPPORTED) << "the named field is off";
+
+  Setup[0x26] = 0x2C;  // 300 is no field start: the record's first byte (0x9C, bit 2 set) is read
+  Setup[0x27] = 0x01;
+  ASSERT_EQ(Setup[0] & 0x04, 0x04);
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_SUCCESS);
+}
+
+// ---- In SMM ----------------------------------------------------------------------------------
+class PhysicalPresenceSmm : public SettingsFixture {
+protected:
+  SettingsBytes Record = SettingsBytes(kSecuritySettingsSize, kSentinel);
+};
+
+TEST_F(PhysicalPresenceSmm, UsesTheSmmFlashInterfaceVariablesAndSwitches) {
+  StartInSmm();
+  UINT8 Tcg2[] = {0x10, 0x20, 0x30, 0x40};
+  Sim.SetVariable(u"Tcg2PhysicalPresenceFlags", gEfiTcg2PhysicalPresenceGuid, 7, Tcg2, sizeof(Tcg2));
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_SUCCESS);
+  EXPECT_EQ(Get32(Record.data(), kPpFlagsOffset), 0x40302010u);
+  EXPECT_EQ(Record[kPpFlagsSourceOffset], kPpFlagsSourceTcg2);
+  EXPECT_EQ(Record[kPlatformSecurityByte1Offset], EmuSettings::kField20Value);
+  ASSERT_EQ(Calls("SmmFlashPrepareSetupData"), 1u);
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], reinterpret_cast<UINT64>(Platform->Settings.SmmFlash));
+  EXPECT_EQ(Calls("FlashDevicePrepareSetupData"), 0u);
+
+  // The SMM setup record's switch, then the security setup block behind member 55.
+  Platform->Settings.SetupRecord[87] = 0x00;
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_UNSUPPORTED);
+  Platform->Settings.SmmService->SetupFlags = 0x02;
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_SUCCESS);
+  Platform->Settings.SecuritySetup->PpRecordingSwitch = 0;
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_UNSUPPORTED);
+}
+
+TEST_F(PhysicalPresenceSmm, WithoutTheSmmVariableProtocolTheReadsFail) {
+  StartInSmm(true, /*PublishVariable=*/false);
+  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_NOT_FOUND);
+  EXPECT_EQ(Record[kPpFlagsSourceOffset], kPpFlagsSourceNone);
+  EXPECT_EQ(Record[kPlatformSecurityByte2Offset], EmuSettings::kField25Value);
+}
+
+}  // namespace

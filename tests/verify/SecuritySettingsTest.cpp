@@ -1,0 +1,534 @@
+// The security-settings block: checking seals, writing, repairing from the backup or clearing
+// with a reset, snapshots, the library's start, and the same operations inside SMM.
+#include <algorithm>
+
+#include "../../src/base/Globals.h"
+#include "../../src/driver/DriverState.h"
+#include "SettingsFixture.h"
+
+namespace {
+
+using namespace SecuritySettingsLib;
+
+// ---- Failing flash members installed by tests -----------------------------------------------
+PLATFORM_FLASH_DEVICE_ERASE gRealErase = nullptr;
+unsigned gEraseFailuresLeft = 0;
+unsigned gEraseCalls = 0;
+unsigned gWriteCalls = 0;
+
+EFI_STATUS EFIAPI EraseFailingAtFirst(UINTN Address, UINTN Length) {
+  gEraseCalls++;
+  if (gEraseFailuresLeft > 0) {
+    gEraseFailuresLeft--;
+    return EFI_DEVICE_ERROR;
+  }
+  return gRealErase(Address, Length);
+}
+
+EFI_STATUS EFIAPI WriteAlwaysFailing(UINTN, const VOID *, UINTN) {
+  gWriteCalls++;
+  return EFI_DEVICE_ERROR;
+}
+
+// ---- CheckSecuritySettings -------------------------------------------------------------------
+struct CheckCase {
+  const char *Name;
+  SettingsBytes Record;
+  EFI_STATUS Expected;
+};
+
+SettingsBytes Flipped(SettingsBytes Record, size_t Offset, UINT8 Mask = 0x01) {
+  Record[Offset] ^= Mask;
+  return Record;
+}
+
+class SecuritySettingsCheck : public SettingsFixture {
+protected:
+  void SetUp() override { StartWithFlags(true, false); }
+};
+
+TEST_F(SecuritySettingsCheck, EachFormatPassesWhenSealedAndFailsWhenNot) {
+  SettingsBytes Format2 = MakeSettingsRecord(kIntegrityWordChecksum);
+  Put16(Format2, kIntegrityFormatOffset, 2);
+  Put16(Format2, kSettingsChecksumOffset, 0);
+  Put16(Format2, kSettingsChecksumOffset, static_cast<UINT16>(0x10000 - RecordWordSum(Format2)));
+
+  const CheckCase Cases[] = {
+      {"word checksum, sealed", MakeSettingsRecord(kIntegrityWordChecksum), EFI_SUCCESS},
+      {"word checksum, data byte flipped", Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x10),
+       EFI_SECURITY_VIOLATION},
+      {"word checksum, last byte flipped", Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0xFFF, 0x80),
+       EFI_SECURITY_VIOLATION},
+      {"word checksum, checksum off by one", Flipped(MakeSettingsRecord(kIntegrityWordChecksum), kSettingsChecksumOffset),
+       EFI_SECURITY_VIOLATION},
+      {"SHA-256, sealed", MakeSettingsRecord(kIntegritySha256), EFI_SUCCESS},
+      {"SHA-256, data byte flipped", Flipped(MakeSettingsRecord(kIntegritySha256), 0x200), EFI_SECURITY_VIOLATION},
+      {"SHA-256, byte past the digest flipped", Flipped(MakeSettingsRecord(kIntegritySha256), 0x900),
+       EFI_SECURITY_VIOLATION},
+      {"SHA-256, digest byte flipped", Flipped(MakeSettingsRecord(kIntegritySha256), kSettingsDigestOffset + 31),
+       EFI_SECURITY_VIOLATION},
+      {"format 2 whose words sum to 0", Format2, EFI_SECURITY_VIOLATION},
+      {"erased flash (format 0xFFFF)", SettingsBytes(kSecuritySettingsSize, 0xFF), EFI_SECURITY_VIOLATION},
+      {"all zero", SettingsBytes(kSecuritySettingsSize, 0), EFI_NOT_READY},
+      {"zero but for one byte", Flipped(SettingsBytes(kSecuritySettingsSize, 0), 0xFFF), EFI_SECURITY_VIOLATION},
+  };
+  for (const CheckCase &Case : Cases) {
+    EXPECT_EQ(CheckSecuritySettings(Case.Record.data()), Case.Expected) << Case.Name;
+  }
+  EXPECT_EQ(CheckSecuritySettings(nullptr), EFI_INVALID_PARAMETER);
+}
+
+TEST_F(SecuritySettingsCheck, EveryFlippedBitOfAWordChecksumRecordIsCaught) {
+  SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum);
+  for (size_t Offset = 0; Offset < Record.size(); Offset += 61) {
+    for (UINT8 Bit = 0; Bit < 8; Bit++) {
+      SettingsBytes Damaged = Flipped(Record, Offset, static_cast<UINT8>(1u << Bit));
+      if (Offset == kIntegrityFormatOffset || Offset == kIntegrityFormatOffset + 1) {
+        continue;  // a changed format is another check
+      }
+      ASSERT_EQ(CheckSecuritySettings(Damaged.data()), EFI_SECURITY_VIOLATION) << Offset << " bit " << int(Bit);
+    }
+  }
+}
+
+TEST_F(SecuritySettingsCheck, DigestCheckWithoutPoolMemoryFailsClosed) {
+  SettingsBytes Record = MakeSettingsRecord(kIntegritySha256);
+  Sim.FailAllocationAfter(1);
+  EXPECT_EQ(CheckSecuritySettings(Record.data()), EFI_SECURITY_VIOLATION);
+  EXPECT_EQ(CheckSecuritySettings(Record.data()), EFI_SUCCESS) << "and the record itself is sound";
+}
+
+// ---- WriteSecuritySettings -------------------------------------------------------------------
+class SecuritySettingsWrite : public SettingsFixture {};
+
+TEST_F(SecuritySettingsWrite, ARecordEqualToTheLiveBlockWritesNothingEvenWithAStaleSeal) {
+  StartWithFlags(true, false);
+  SettingsBytes Stale = Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x20);
+  LoadLive(Stale);
+  SettingsBytes Record = Stale;
+  EXPECT_EQ(WriteSecuritySettings(Record.data()), EFI_SUCCESS);
+  EXPECT_EQ(FlashChanges(), 0u);
+  EXPECT_EQ(Record, Stale) << "not resealed either";
+
+  EXPECT_EQ(WriteSecuritySettings(Live()), EFI_SUCCESS) << "the live block itself";
+  EXPECT_EQ(FlashChanges(), 0u);
+  EXPECT_EQ(LiveBytes(), Stale);
+}
+
+TEST_F(SecuritySettingsWrite, WithoutDigestProtectionSealsWithTheWordChecksum) {
+  StartWithFlags(true, false);
+  SettingsBytes Record = MakeSettingsRecord(kIntegritySha256, true, 0x5A);  // a format the write replaces
+  ASSERT_EQ(WriteSecuritySettings(Record.data()), EFI_SUCCESS);
+
+  EXPECT_EQ(Get16(Record.data(), kIntegrityFormatOffset), kIntegrityWordChecksum);
+  EXPECT_EQ(RecordWordSum(Record), 0);
+  EXPECT_EQ(LiveBytes(), Record) << "the sealed record reached the block";
+  EXPECT_EQ(CheckSecuritySettings(Live()), EFI_SUCCESS);
+
+  ASSERT_EQ(Platform->CallCount, 3u);
+  EXPECT_STREQ(Platform->Calls[0].Name, "FlashDeviceErase");
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Platform->Calls[0].Arguments[1], kSecuritySettingsSize);
+  EXPECT_STREQ(Platform->Calls[1].Name, "FlashDeviceDelay");
+  EXPECT_EQ(Platform->Calls[1].Arguments[0], 50u);
+  EXPECT_STREQ(Platform->Calls[2].Name, "FlashDeviceWrite");
+  EXPECT_EQ(Platform->Calls[2].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Platform->Calls[2].Arguments[2], kSecuritySettingsSize);
+  EXPECT_EQ(Platform->Flash.Stats().ProgramFaults, 0u);
+}
+
+TEST_F(SecuritySettingsWrite, WithDigestProtectionSealsWithSha256) {
+  StartWithFlags(true, true);
+  SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x77);
+  ASSERT_EQ(WriteSecuritySettings(Record.data()), EFI_SUCCESS);
+
+  EXPECT_EQ(Get16(Record.data(), kIntegrityFormatOffset), kIntegritySha256);
+  std::vector<UINT8> Digest = ExpectedDigest(Record.data());
+  EXPECT_EQ(std::memcmp(Record.data() + kSettingsDigestOffset, Digest.data(), Digest.size()), 0);
+  EXPECT_EQ(LiveBytes(), Record);
+  EXPECT_EQ(CheckSecuritySettings(Live()), EFI_SUCCESS);
+}
+
+TEST_F(SecuritySettingsWrite, RefusalsTouchNeitherTheRecordNorTheFlash) {
+  struct Case {
+    const char *Name;
+    bool BackupSupported;
+    bool Magic;
+    bool EraseMember;
+    EFI_STATUS Expected;
+  };
+  const Case Cases[] = {
+      {"backup not supported", false, true, true, EFI_UNSUPPORTED},
+      {"no magic", true, false, true, EFI_ACCESS_DENIED},
+      {"flash device without an erase member", true, true, false, EFI_PROTOCOL_ERROR},
+  };
+  StartWithFlags(true, false);
+  PLATFORM_FLASH_DEVICE_ERASE Erase = Platform->FlashDevice->FlashDeviceErase;
+  for (const Case &Item : Cases) {
+    SettingsBackupSupported = Item.BackupSupported;
+    Platform->FlashDevice->FlashDeviceErase = Item.EraseMember ? Erase : nullptr;
+    SettingsBytes Record = MakeSettingsRecord(7, Item.Magic, 0x33);
+    SettingsBytes Before = Record;
+    SettingsBytes LiveBefore = LiveBytes();
+    EXPECT_EQ(WriteSecuritySettings(Record.data()), Item.Expected) << Item.Name;
+    EXPECT_EQ(Record, Before) << Item.Name;
+    EXPECT_EQ(LiveBytes(), LiveBefore) << Item.Name;
+    EXPECT_EQ(FlashChanges(), 0u) << Item.Name;
+  }
+  EXPECT_EQ(WriteSecuritySettings(nullptr), EFI_INVALID_PARAMETER);
+}
+
+TEST_F(SecuritySettingsWrite, RetriesUpToOneHundredTimesAndReportsSuccessWhateverTheyGave) {
+  struct Case {
+    const char *Name;
+    unsigned EraseFailures;
+    bool WritesFail;
+    unsigned Erases;
+    unsigned Writes;
+    char Block;  // 'u' unchanged, 'e' erased, 'w' written
+  };
+  const Case Cases[] = {
+      {"erase never succeeds: no write after a failed erase", 1000, false, 100, 0, 'u'},
+      {"write never succeeds", 0, true, 100, 100, 'e'},
+      {"erase succeeds at the fourth attempt", 3, false, 4, 1, 'w'},
+  };
+  StartWithFlags(true, false);
+  gRealErase = Platform->FlashDevice->FlashDeviceErase;
+  PLATFORM_FLASH_DEVICE_WRITE RealWrite = Platform->FlashDevice->FlashDeviceWrite;
+  UINT8 Seed = 0x40;
+  for (const Case &Item : Cases) {
+    Platform->ClearCalls();
+    gEraseCalls = gWriteCalls = 0;
+    gEraseFailuresLeft = Item.EraseFailures;
+    Platform->FlashDevice->FlashDeviceErase = EraseFailingAtFirst;
+    Platform->FlashDevice->FlashDeviceWrite = Item.WritesFail ? WriteAlwaysFailing : RealWrite;
+    SettingsBytes LiveBefore = LiveBytes();
+    SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, Seed++);
+
+    EXPECT_EQ(WriteSecuritySettings(Record.data()), EFI_SUCCESS) << Item.Name;
+    EXPECT_EQ(gEraseCalls, Item.Erases) << Item.Name;
+    EXPECT_EQ(Calls("FlashDeviceDelay"), Item.Erases) << Item.Name << ": a delay after every erase";
+    EXPECT_EQ(gWriteCalls + Calls("FlashDeviceWrite"), Item.Writes) << Item.Name;
+    SettingsBytes Expected = Item.Block == 'w' ? Record : LiveBefore;
+    if (Item.Block == 'e') {
+      Expected.assign(kSecuritySettingsSize, 0xFF);
+    }
+    EXPECT_EQ(LiveBytes(), Expected) << Item.Name;
+  }
+}
+
+// ---- RecoverSecuritySettings and ClearSecuritySettings ---------------------------------------
+class SecuritySettingsRecover : public SettingsFixture {};
+
+TEST_F(SecuritySettingsRecover, WithoutDigestProtectionNeverTouchesTheBlock) {
+  StartWithFlags(true, false);
+  SettingsBytes Damaged = Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x30);
+  LoadLive(Damaged);
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_UNSUPPORTED);
+  EXPECT_EQ(LiveBytes(), Damaged);
+  EXPECT_EQ(FlashChanges(), 0u);
+  EXPECT_EQ(FailFlag(), -1);
+}
+
+TEST_F(SecuritySettingsRecover, ASoundOrEmptyLiveBlockIsLeftAlone) {
+  StartWithFlags(true, true);
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS) << "the reference block is sealed";
+
+  LoadLive(SettingsBytes(kSecuritySettingsSize, 0));
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_NOT_READY);
+  EXPECT_EQ(LiveBytes(), SettingsBytes(kSecuritySettingsSize, 0));
+  EXPECT_EQ(FlashChanges(), 0u);
+  EXPECT_EQ(FailFlag(), -1);
+}
+
+TEST_F(SecuritySettingsRecover, ADamagedBlockIsRestoredFromAGoodBackupUnchanged) {
+  StartWithFlags(true, true);
+  SettingsBytes Good = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x21);  // not the digest format
+  LoadBackup(Good);
+  LoadLive(Flipped(Good, 0x100));
+
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS);
+  EXPECT_EQ(LiveBytes(), Good) << "the backup's bytes, not resealed";
+  EXPECT_EQ(BackupBytes(), Good) << "the backup is only read";
+  EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
+  EXPECT_EQ(FailFlagAttributes(), 7u);
+  EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Sim.ResetCount(), 0u);
+}
+
+TEST_F(SecuritySettingsRecover, WithoutAUsableBackupClearsTheBlockAndResets) {
+  struct Case {
+    const char *Name;
+    SettingsBytes Backup;
+    bool BackupSupported;
+  };
+  const Case Cases[] = {
+      {"no backup magic", MakeSettingsRecord(kIntegrityWordChecksum, false), true},
+      {"backup with a wrong seal", Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x40), true},
+      {"erased backup", SettingsBytes(kSecuritySettingsSize, 0xFF), true},
+      {"good backup but writes refused", MakeSettingsRecord(kIntegrityWordChecksum), false},
+  };
+  StartWithFlags(true, true);
+  for (const Case &Item : Cases) {
+    Sim.Variables().clear();
+    SettingsBackupSupported = Item.BackupSupported;
+    LoadBackup(Item.Backup);
+    LoadLive(Flipped(MakeSettingsRecord(kIntegritySha256), 0x10));
+    unsigned Resets = Sim.ResetCount();
+
+    EXPECT_THROW(RecoverSecuritySettings(), SimResetRequested) << Item.Name;
+    EXPECT_EQ(Sim.ResetCount(), Resets + 1) << Item.Name;
+    EXPECT_EQ(Sim.LastResetType(), EfiResetCold) << Item.Name;
+    EXPECT_EQ(LiveBytes(), SettingsBytes(kSecuritySettingsSize, 0)) << Item.Name;
+    EXPECT_EQ(BackupBytes(), Item.Backup) << Item.Name;
+    EXPECT_EQ(FailFlag(), kSettingsCleared) << Item.Name;
+  }
+}
+
+TEST_F(SecuritySettingsRecover, AClearThatCannotFindTheFlashStopsBeforeTheReset) {
+  StartWithFlags(true, true);
+  LoadLive(Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x10));
+  LoadBackup(SettingsBytes(kSecuritySettingsSize, 0xFF));
+  Platform->FlashDevice->FlashDeviceWrite = nullptr;
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_PROTOCOL_ERROR);
+  EXPECT_EQ(Sim.ResetCount(), 0u);
+  EXPECT_EQ(FailFlag(), -1);
+}
+
+TEST_F(SecuritySettingsRecover, ClearWritesZerosWhateverTheBackupSwitch) {
+  StartWithFlags(false, false);
+  EXPECT_EQ(ClearSecuritySettings(), EFI_SUCCESS);
+  EXPECT_EQ(LiveBytes(), SettingsBytes(kSecuritySettingsSize, 0));
+  EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
+  EXPECT_EQ(Calls("FlashDeviceWrite"), 1u);
+
+  Sim.FailAllocationAfter(1);
+  EXPECT_EQ(ClearSecuritySettings(), EFI_OUT_OF_RESOURCES);
+}
+
+TEST_F(SecuritySettingsRecover, APowerCutDuringAWriteIsRepairedFromTheBackupAtTheNextBoot) {
+  StartWithFlags(true, true);
+  SettingsBytes Backup = BackupBytes();
+  SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x52);
+  Platform->Flash.CutPowerAtOperation(2);  // the erase completes, the program is cut halfway
+
+  EXPECT_EQ(WriteSecuritySettings(Record.data()), EFI_SUCCESS) << "failures are retried, then ignored";
+  EXPECT_EQ(Calls("FlashDeviceErase"), 100u);
+  EXPECT_EQ(Calls("FlashDeviceWrite"), 1u) << "only the first erase succeeded";
+  EXPECT_EQ(CheckSecuritySettings(Live()), EFI_SECURITY_VIOLATION);
+
+  Platform->Flash.RestorePower();
+  Sim.SimulateReboot();
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS);
+  EXPECT_EQ(LiveBytes(), Backup);
+  EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
+}
+
+// ---- SaveSecuritySettings --------------------------------------------------------------------
+class SecuritySettingsSave : public SettingsFixture {
+protected:
+  void TearDown() override {
+    if (Copy != nullptr) {
+      gBS->FreePages(reinterpret_cast<EFI_PHYSICAL_ADDRESS>(Copy), 1);
+    }
+  }
+  UINT8 *Copy = nullptr;
+};
+
+TEST_F(SecuritySettingsSave, ABlockWithoutMagicGetsItSoTheFollowingWriteWritesTheBlock) {
+  StartWithFlags(true, false);
+  SettingsBytes NoMagic = MakeSettingsRecord(kIntegrityWordChecksum, false, 0x61);
+  LoadLive(NoMagic);
+
+  ASSERT_EQ(SaveSecuritySettings(&Copy), EFI_SUCCESS);
+  ASSERT_NE(Copy, nullptr);
+  EXPECT_EQ(std::memcmp(Copy + kBackupMagicOffset, "$zqBKSEC", 8), 0);
+  EXPECT_EQ(std::memcmp(Copy, NoMagic.data(), kBackupMagicOffset), 0) << "settings data carried over";
+  EXPECT_EQ(Copy[0x900], NoMagic[0x900]);
+  EXPECT_EQ(Copy[kPpFlagsSourceOffset], kPpFlagsSourceNone) << "no TCG variable published";
+  EXPECT_EQ(Copy[kPlatformSecurityByte1Offset], EmuSettings::kField20Value) << "physical presence recorded";
+  EXPECT_EQ(FlashChanges(), 0u);
+
+  EXPECT_EQ(WriteSecuritySettings(Copy), EFI_SUCCESS);
+  EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
+  EXPECT_EQ(std::memcmp(Live() + kBackupMagicOffset, "$zqBKSEC", 8), 0);
+  EXPECT_EQ(CheckSecuritySettings(Live()), EFI_SUCCESS);
+}
+
+TEST_F(SecuritySettingsSave, ReusesTheCallersPageAndKeepsAnEmptyBlockEmptyButForMagicAndFlags) {
+  StartWithFlags(true, true);
+  LoadLive(SettingsBytes(kSecuritySettingsSize, 0));
+  EFI_PHYSICAL_ADDRESS Page = 0;
+  ASSERT_EQ(gBS->AllocatePages(AllocateAnyPages, EfiRuntimeServicesData, 1, &Page), EFI_SUCCESS);
+  Copy = reinterpret_cast<UINT8 *>(Page);
+  UINT8 *Given = Copy;
+  Sim.FailAllocationAfter(1);  // no further page may be taken
+
+  ASSERT_EQ(SaveSecuritySettings(&Copy), EFI_SUCCESS) << "the empty block is not ready, not damaged";
+  EXPECT_EQ(Copy, Given);
+  EXPECT_EQ(Sim.ResetCount(), 0u);
+  EXPECT_EQ(std::memcmp(Copy + kBackupMagicOffset, "$zqBKSEC", 8), 0);
+  EXPECT_TRUE(std::all_of(Copy, Copy + kBackupMagicOffset, [](UINT8 Byte) { return Byte == 0; }));
+  EXPECT_EQ(Copy[kPlatformSecurityByte3Offset], EmuSettings::kField19Value);
+  Sim.FailAllocationAfter(0);
+}
+
+TEST_F(SecuritySettingsSave, RefusesWithoutBackupSupportOrMemory) {
+  StartWithFlags(false, false);
+  EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_UNSUPPORTED);
+  EXPECT_EQ(Copy, nullptr);
+  EXPECT_EQ(SaveSecuritySettings(nullptr), EFI_INVALID_PARAMETER);
+
+  SettingsBackupSupported = TRUE;
+  Sim.FailAllocationAfter(1);
+  EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_OUT_OF_RESOURCES);
+  EXPECT_EQ(Copy, nullptr);
+}
+
+TEST_F(SecuritySettingsSave, ADamagedBlockWithoutBackupResetsBeforeTheSnapshot) {
+  StartWithFlags(true, true);
+  LoadLive(Flipped(MakeSettingsRecord(kIntegritySha256), 0x10));
+  LoadBackup(SettingsBytes(kSecuritySettingsSize, 0xFF));
+  EXPECT_THROW(SaveSecuritySettings(&Copy), SimResetRequested);
+  EXPECT_EQ(Copy, nullptr);
+  EXPECT_EQ(FailFlag(), kSettingsCleared);
+}
+
+// ---- Library start ---------------------------------------------------------------------------
+class SecuritySettingsLibrary : public SettingsFixture {
+protected:
+  void StartTablesOnly() {
+    PrepareBoot();
+    UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+    UefiRuntimeServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+  }
+};
+
+TEST_F(SecuritySettingsLibrary, ReadsBothFlagsFromTheFlashServiceAtStart) {
+  struct Case {
+    UINT8 SettingsFlags;
+    UINT8 VerifyFlags;
+    BOOLEAN Backup;
+    BOOLEAN Digest;
+  };
+  const Case Cases[] = {{0x00, 0x00, FALSE, FALSE}, {0x01, 0x00, TRUE, FALSE}, {0xFE, 0xFD, FALSE, FALSE},
+                        {0x03, 0x02, TRUE, TRUE}};
+  StartTablesOnly();
+  for (const Case &Item : Cases) {
+    Platform->FlashService->SettingsFlags = Item.SettingsFlags;
+    Platform->FlashService->VerifyFlags = Item.VerifyFlags;
+    ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+    EXPECT_FALSE(mInSmm);
+    EXPECT_EQ(SettingsBackupSupported, Item.Backup) << int(Item.SettingsFlags);
+    EXPECT_EQ(DigestProtection, Item.Digest) << int(Item.VerifyFlags);
+    EXPECT_EQ(mPlatformFlashService, Platform->FlashService);
+  }
+  EXPECT_EQ(Sim.OpenEvents(), 0u) << "no notification needed";
+}
+
+TEST_F(SecuritySettingsLibrary, WaitsForALateFlashServiceAndClosesItsEventOnStop) {
+  Install.FlashService = FALSE;
+  StartTablesOnly();
+  size_t EventsBefore = Sim.OpenEvents();
+  ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_EQ(Sim.OpenEvents(), EventsBefore + 1);
+  EXPECT_FALSE(SettingsBackupSupported);
+
+  SetFlashServiceFlags(true, true);
+  EFI_HANDLE Handle = nullptr;
+  ASSERT_EQ(Sim.Install(&Handle, gPlatformFlashServiceProtocolGuid, Platform->FlashService), EFI_SUCCESS);
+  EXPECT_TRUE(SettingsBackupSupported);
+  EXPECT_TRUE(DigestProtection);
+
+  SecuritySettingsLibDestructor(Sim.ImageHandle(), Sim.SystemTable());
+  EXPECT_EQ(Sim.OpenEvents(), EventsBefore);
+  SecuritySettingsLibDestructor(Sim.ImageHandle(), Sim.SystemTable());  // nothing left to close
+}
+
+TEST_F(SecuritySettingsLibrary, AFailedEntryStopsTheLibraryWithTheOthers) {
+  Install.FlashService = FALSE;
+  Install.FlashDevice = FALSE;
+  EXPECT_EQ(StartDriver(), EFI_NOT_FOUND);
+  EFI_HANDLE Handle = nullptr;
+  ASSERT_EQ(Sim.Install(&Handle, gPlatformFlashServiceProtocolGuid, Platform->FlashService), EFI_SUCCESS);
+  EXPECT_FALSE(SettingsBackupSupported) << "the notification went with the destructor";
+}
+
+TEST_F(SecuritySettingsLibrary, InSmmTakesTheSmmTableAndNoFlagsYet) {
+  StartTablesOnly();
+  Sim.InstallSmmBase2(TRUE);
+  SetFlashServiceFlags(true, true);
+  ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_TRUE(mInSmm);
+  EXPECT_EQ(gSmst, Sim.Smst());
+  EXPECT_FALSE(SettingsBackupSupported) << "SMM flags come from the SMM service at each call";
+  EXPECT_EQ(Sim.OpenEvents(), 0u);
+}
+
+// ---- The same operations in SMM --------------------------------------------------------------
+class SecuritySettingsSmm : public SettingsFixture {
+protected:
+  void TearDown() override {
+    if (Copy != nullptr) {
+      gBS->FreePages(reinterpret_cast<EFI_PHYSICAL_ADDRESS>(Copy), 1);
+    }
+  }
+  SettingsSmmServiceProtocol &Service() { return *Platform->Settings.SmmService; }
+  UINT8 *Copy = nullptr;
+};
+
+TEST_F(SecuritySettingsSmm, WritesThroughTheSmmFlashInterfaceWithFlagsReadAtEachCall) {
+  StartInSmm();
+  SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x71);
+  Service().VerifyFlags = 0x02;
+  ASSERT_EQ(WriteSecuritySettings(Record.data()), EFI_SUCCESS);
+  EXPECT_EQ(Get16(Record.data(), kIntegrityFormatOffset), kIntegritySha256);
+  EXPECT_EQ(LiveBytes(), Record);
+  EXPECT_EQ(Calls("SmmFlashErase"), 1u);
+  EXPECT_EQ(Calls("SmmFlashDelay"), 1u);
+  EXPECT_EQ(Calls("SmmFlashWrite"), 1u);
+  EXPECT_EQ(Calls("FlashDeviceErase") + Calls("FlashDeviceWrite"), 0u);
+  EXPECT_EQ(Service().Flash, Platform->Settings.SmmFlash) << "member 54 filled on first use";
+
+  Service().SettingsFlags = 0x00;
+  SettingsBytes Other = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x72);
+  EXPECT_EQ(WriteSecuritySettings(Other.data()), EFI_UNSUPPORTED);
+}
+
+TEST_F(SecuritySettingsSmm, WithoutTheSmmServicesNothingIsWritten) {
+  StartInSmm(/*PublishFlash=*/false);
+  SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x73);
+  EXPECT_EQ(WriteSecuritySettings(Record.data()), EFI_PROTOCOL_ERROR);
+  EXPECT_EQ(ClearSecuritySettings(), EFI_PROTOCOL_ERROR);
+  EXPECT_EQ(FlashChanges(), 0u);
+}
+
+TEST_F(SecuritySettingsSmm, RecoveryNeedsTheSmmVariableProtocolAndNotesTheRestoreThroughIt) {
+  StartInSmm(true, /*PublishVariable=*/false);
+  Service().VerifyFlags = 0x02;
+  SettingsBytes Good = MakeSettingsRecord(kIntegritySha256, true, 0x74);
+  LoadBackup(Good);
+  LoadLive(Flipped(Good, 0x80));
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_NOT_FOUND);
+  EXPECT_EQ(FlashChanges(), 0u);
+
+  SmmVariable.SmmSetVariable = Sim.RuntimeServices()->SetVariable;
+  SmmVariable.SmmGetVariable = Sim.RuntimeServices()->GetVariable;
+  Sim.InstallSmmProtocol(gEfiSmmVariableProtocolGuid, &SmmVariable);
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS);
+  EXPECT_EQ(LiveBytes(), Good);
+  EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
+}
+
+TEST_F(SecuritySettingsSmm, SaveFollowsTheSmmBackupSwitch) {
+  StartInSmm();
+  Service().SettingsFlags = 0x00;
+  EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_UNSUPPORTED);
+  Service().SettingsFlags = 0x01;
+  ASSERT_EQ(SaveSecuritySettings(&Copy), EFI_SUCCESS);
+  EXPECT_EQ(std::memcmp(Copy, Live(), kPpFlagsOffset), 0);
+  EXPECT_EQ(Calls("SmmFlashPrepareSetupData"), 1u) << "physical presence through the SMM flash interface";
+}
+
+}  // namespace

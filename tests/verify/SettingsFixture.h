@@ -1,0 +1,138 @@
+// Scenarios for the security-settings block and the physical presence recording: settings
+// records sealed independently of the driver (OpenSSL for the digest), the live block and its
+// backup in the emulated flash, and the library started either by the driver's entry
+// (boot-services mode) or on its own inside the simulated SMM.
+#pragma once
+#include <openssl/sha.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "../../src/base/Guids.h"
+#include "../../src/base/PiSmm.h"
+#include "../../src/driver/LibraryList.h"
+#include "../../src/verify/SecuritySettings.h"
+#include "../../src/verify/SettingsServices.h"
+#include "../support/PlatformFixture.h"
+
+using SettingsBytes = std::vector<UINT8>;
+
+inline UINT16 RecordWordSum(const SettingsBytes &Record) {
+  UINT16 Sum = 0;
+  for (size_t Offset = 0; Offset < Record.size(); Offset += 2) {
+    Sum = static_cast<UINT16>(Sum + (Record[Offset] | (Record[Offset + 1] << 8)));
+  }
+  return Sum;
+}
+
+inline void Put16(SettingsBytes &Record, size_t Offset, UINT16 Value) {
+  Record[Offset] = static_cast<UINT8>(Value);
+  Record[Offset + 1] = static_cast<UINT8>(Value >> 8);
+}
+
+inline UINT16 Get16(const UINT8 *Bytes, size_t Offset) {
+  return static_cast<UINT16>(Bytes[Offset] | (Bytes[Offset + 1] << 8));
+}
+
+inline UINT32 Get32(const UINT8 *Bytes, size_t Offset) {
+  return static_cast<UINT32>(Get16(Bytes, Offset) | (Get16(Bytes, Offset + 2) << 16));
+}
+
+// SHA-256 of the record with its digest field zeroed.
+inline std::vector<UINT8> ExpectedDigest(const UINT8 *Record) {
+  SettingsBytes Copy(Record, Record + kSecuritySettingsSize);
+  std::memset(Copy.data() + kSettingsDigestOffset, 0, kSettingsDigestSize);
+  std::vector<UINT8> Digest(SHA256_DIGEST_LENGTH);
+  SHA256(Copy.data(), Copy.size(), Digest.data());
+  return Digest;
+}
+
+// A record with settings data, optionally the backup magic, sealed in the format given
+// (any other format value is stored as it is over a zero checksum).
+inline SettingsBytes MakeSettingsRecord(UINT16 Format, bool Magic = true, UINT8 Seed = 0x11) {
+  SettingsBytes Record(kSecuritySettingsSize, 0);
+  for (size_t Index = 0; Index < kBackupMagicOffset; Index++) {
+    Record[Index] = static_cast<UINT8>(Index * 13 + Seed);
+  }
+  Record[0x900] = Seed;  // an uninterpreted byte past the digest
+  if (Magic) {
+    std::memcpy(Record.data() + kBackupMagicOffset, kSecuritySettingsBackupMagic, 8);
+  }
+  Put16(Record, kIntegrityFormatOffset, Format);
+  if (Format == kIntegrityWordChecksum) {
+    Put16(Record, kSettingsChecksumOffset, static_cast<UINT16>(0x10000 - RecordWordSum(Record)));
+  } else if (Format == kIntegritySha256) {
+    std::vector<UINT8> Digest = ExpectedDigest(Record.data());
+    std::memcpy(Record.data() + kSettingsDigestOffset, Digest.data(), Digest.size());
+  }
+  return Record;
+}
+
+class SettingsFixture : public PlatformFixture {
+protected:
+  // Boot-services mode: the platform's flag bytes, then the driver's entry (which runs the
+  // library constructor in its place in the start-up order).
+  void StartWithFlags(bool BackupSupported, bool Digest) {
+    SetFlashServiceFlags(BackupSupported, Digest);
+    ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+    Platform->ClearCalls();
+  }
+
+  void SetFlashServiceFlags(bool BackupSupported, bool Digest) {
+    Platform->FlashService->SettingsFlags = BackupSupported ? 0x01 : 0x00;
+    Platform->FlashService->VerifyFlags = Digest ? 0x02 : 0x00;
+  }
+
+  // SMM mode: the library started alone, as an SMM driver's start-up would, with the SMM
+  // settings service, its flash interface and the SMM variable protocol published.
+  void StartInSmm(bool PublishFlash = true, bool PublishVariable = true) {
+    PrepareBoot();
+    UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+    UefiRuntimeServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+    Sim.InstallSmmBase2(TRUE);
+    Sim.InstallSmmProtocol(gSettingsSmmServiceGuid, Platform->Settings.SmmService);
+    if (PublishFlash) {
+      Sim.InstallSmmProtocol(gSettingsSmmFlashGuid, Platform->Settings.SmmFlash);
+    }
+    if (PublishVariable) {
+      SmmVariable.SmmGetVariable = Sim.RuntimeServices()->GetVariable;
+      SmmVariable.SmmGetNextVariableName = Sim.RuntimeServices()->GetNextVariableName;
+      SmmVariable.SmmSetVariable = Sim.RuntimeServices()->SetVariable;
+      Sim.InstallSmmProtocol(gEfiSmmVariableProtocolGuid, &SmmVariable);
+    }
+    Sim.InstallSmmProtocol(gPlatformSetupSmmGuid, Platform->Settings.SetupSmm);
+    ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+    ASSERT_TRUE(SecuritySettingsLib::mInSmm);
+    Platform->ClearCalls();
+  }
+
+  UINT8 *FlashAt(UINT32 Address) { return Platform->Flash.Bytes() + (Address - Platform->FlashBaseAddress); }
+  UINT8 *Live() { return FlashAt(kSecuritySettingsBlockAddress); }
+  UINT8 *Backup() { return FlashAt(kSecuritySettingsBackupAddress); }
+  SettingsBytes LiveBytes() { return SettingsBytes(Live(), Live() + kSecuritySettingsSize); }
+  SettingsBytes BackupBytes() { return SettingsBytes(Backup(), Backup() + kSecuritySettingsSize); }
+  void LoadLive(const SettingsBytes &Record) { std::memcpy(Live(), Record.data(), Record.size()); }
+  void LoadBackup(const SettingsBytes &Record) { std::memcpy(Backup(), Record.data(), Record.size()); }
+
+  // The 1-byte repair note, or -1 when it was not written.
+  int FailFlag() const {
+    const SimVariable *Variable = Sim.FindVariable(u"Q42SaftyProtectedCheckSumFailFlag", gPlatformVariableGuid);
+    if (Variable == nullptr || Variable->Data.size() != 1) {
+      return -1;
+    }
+    return Variable->Data[0];
+  }
+  UINT32 FailFlagAttributes() const {
+    const SimVariable *Variable = Sim.FindVariable(u"Q42SaftyProtectedCheckSumFailFlag", gPlatformVariableGuid);
+    return Variable == nullptr ? 0 : Variable->Attributes;
+  }
+
+  size_t Calls(const char *Name) const { return Platform->CountCalls(Name); }
+  // Every flash-changing call, by either interface.
+  size_t FlashChanges() const {
+    return Calls("FlashDeviceErase") + Calls("FlashDeviceWrite") + Calls("SmmFlashErase") + Calls("SmmFlashWrite");
+  }
+
+  EFI_SMM_VARIABLE_PROTOCOL SmmVariable{};
+};
