@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "../../src/base/BaseLib.h"
 #include "../../src/base/Globals.h"
 #include "../../src/base/Guids.h"
 #include "../../src/driver/CallbackHub.h"
@@ -104,8 +105,7 @@ protected:
     std::memcpy(&Tag, Bytes, sizeof(Tag));
     HookNode *Current = HookFind(&gTest->Signalled);
     Call Made = {Tag, First, Current->CurrentRecord, Current->Depth, {}};
-    UINT32 Size = 0;
-    std::memcpy(&Size, Made.Record, sizeof(Size));
+    const UINT32 Size = ReadUnaligned32(Made.Record);
     std::memcpy(Made.Bytes, Made.Record, Size < sizeof(Made.Bytes) ? Size : sizeof(Made.Bytes));
     gTest->Calls.push_back(Made);
     Behaviour &Do = gTest->Behaviours[Tag];
@@ -120,10 +120,7 @@ protected:
       gTest->AfterNested(Current);
     }
     auto *Status = static_cast<UINT8 *>(Current->CurrentRecord) + 4;
-    UINT32 Answer = 0;
-    std::memcpy(&Answer, Status, sizeof(Answer));
-    Answer |= Do.SetStatus;
-    std::memcpy(Status, &Answer, sizeof(Answer));
+    WriteUnaligned32(Status, ReadUnaligned32(Status) | Do.SetStatus);
   }
 
   struct Call {
@@ -155,12 +152,9 @@ protected:
   Behaviour Behaviours[16];
 };
 
-TEST_F(CallbackHubTest, RegistryPublishedByAnotherDriverIsShared) {
-  EXPECT_EQ(mCallbackHub, &Platform->Hub.Registry);
+TEST_F(CallbackHubTest, FirstSignalCreatesTheNodeAtTheTailOfTheSharedRegistryAndCallsNothing) {
+  EXPECT_EQ(mCallbackHub, &Platform->Hub.Registry) << "the registry another driver published";
   EXPECT_EQ(Sim.HandlesWith(gCallbackHubProtocolGuid).size(), 1u) << "nothing published a second time";
-}
-
-TEST_F(CallbackHubTest, FirstSignalCreatesTheNodeAtTheRegistryTailAndCallsNothing) {
   TestRecord First = {sizeof(TestRecord), 0, 0};
   EXPECT_EQ(HookSignal(&kOtherHook, &First), EFI_SUCCESS);
   EXPECT_EQ(HookSignal(&kTestHook, &First), EFI_SUCCESS);
@@ -217,15 +211,12 @@ TEST_F(CallbackHubTest, StopBitEndsTheWholeDispatchAndIsCleared) {
   EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
   EXPECT_EQ(Tags(), (std::vector<int>{1, 2}));
   EXPECT_EQ(Record.Status, 1u) << "the signaller sees the answer without the stop bit";
-}
 
-TEST_F(CallbackHubTest, AnAnswerWithoutTheStopBitLetsTheOthersRun) {
-  Register(kTestHook, 0, 1);
-  Register(kTestHook, 2, 2);
-  Behaviours[1].SetStatus = 1;
-  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  Calls.clear();
+  Behaviours[2].SetStatus = 1;  // an answer without the stop bit lets the others run
+  Record.Status = 0;
   EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
-  EXPECT_EQ(Tags(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(Tags(), (std::vector<int>{1, 2, 3, 4}));
   EXPECT_EQ(Record.Status, 1u);
 }
 
@@ -279,16 +270,12 @@ TEST_F(CallbackHubNesting, NestedSignalRestoresTheOuterRecordAndDefersTheSweep) 
   EXPECT_EQ(Sim.LiveAllocations(), Before - 1) << "freed when the outermost signal ended";
 }
 
-TEST_F(CallbackHubTest, NullArgumentsAreRefused) {
+TEST_F(CallbackHubTest, NullArgumentsAndANodeThatCannotBeAllocatedCreateNothing) {
   TestRecord Record = {sizeof(TestRecord), 0, 0};
   EXPECT_EQ(HookSignal(nullptr, &Record), EFI_INVALID_PARAMETER);
   EXPECT_EQ(HookSignal(&kTestHook, nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(HookFind(&kTestHook), nullptr);
-}
-
-TEST_F(CallbackHubTest, NodeThatCannotBeAllocatedIsOutOfResources) {
   Sim.FailAllocationAfter(1);
-  TestRecord Record = {sizeof(TestRecord), 0, 0};
   EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_OUT_OF_RESOURCES);
   EXPECT_EQ(HookFind(&kTestHook), nullptr);
   EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
@@ -311,14 +298,22 @@ EFI_STATUS SignalComplete(UINT32 *) { return SignalFlashCompleteHook(); }
 
 class CallbackHubImageHook : public CallbackHubTest, public ::testing::WithParamInterface<ImageHookCase> {};
 
-TEST_P(CallbackHubImageHook, HandsTheVerifiedImageOverIn24Bytes) {
+TEST_P(CallbackHubImageHook, HandsTheVerifiedImageOverIn24BytesOnlyWhenItsGateIsOn) {
+  UINT32 Verdict = 7;
+  gConfig.*(GetParam().Gate) = FALSE;
+  EXPECT_EQ(GetParam().Signal(&Verdict), EFI_SUCCESS);
+  EXPECT_EQ(HookFind(GetParam().Hook), nullptr) << "gate off: not even the node is created";
+  if (GetParam().Hook == &gImageAcceptHookGuid) {
+    EXPECT_EQ(Verdict, 0u);
+  }
+
+  gConfig.*(GetParam().Gate) = TRUE;
   UINT8 Image[64] = {};
   mVerifiedImage = Image;
   mVerifiedImageSize = sizeof(Image);
   Signalled = *GetParam().Hook;
   Register(Signalled, 0, 1);
   Behaviours[1].SetStatus = kHookAnswerTaken;
-  UINT32 Verdict = 7;
   EXPECT_EQ(GetParam().Signal(&Verdict), EFI_SUCCESS);
   ASSERT_EQ(Calls.size(), 1u);
   const UINT8 *Record = Calls[0].Bytes;
@@ -336,16 +331,6 @@ TEST_P(CallbackHubImageHook, HandsTheVerifiedImageOverIn24Bytes) {
   mVerifiedImage = nullptr;
 }
 
-TEST_P(CallbackHubImageHook, GateOffSignalsNothing) {
-  gConfig.*(GetParam().Gate) = FALSE;
-  UINT32 Verdict = 7;
-  EXPECT_EQ(GetParam().Signal(&Verdict), EFI_SUCCESS);
-  EXPECT_EQ(HookFind(GetParam().Hook), nullptr) << "not even the node is created";
-  if (GetParam().Hook == &gImageAcceptHookGuid) {
-    EXPECT_EQ(Verdict, 0u);
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(
     CallbackHubEachImageHookPoint, CallbackHubImageHook,
     ::testing::Values(ImageHookCase{"ImageAccept", &gImageAcceptHookGuid, &DriverConfig::ImageAcceptHookEnabled, SignalAccept},
@@ -355,12 +340,16 @@ INSTANTIATE_TEST_SUITE_P(
                                     SignalComplete}),
     [](const auto &Info) { return std::string(Info.param.Name); });
 
-TEST_F(CallbackHubTest, DebugCodeHookHandsTheCodeOverIn12BytesAndReportsATakeOver) {
+TEST_F(CallbackHubTest, DebugCodeHookIsOffInTheReferenceBuildAndHandsTheCodeOverIn12Bytes) {
+  UINT32 Handled = 9;
+  EXPECT_EQ(SignalDebugCodeHook(0xF1, &Handled), EFI_SUCCESS);
+  EXPECT_EQ(Handled, 0u);
+  EXPECT_EQ(HookFind(&gDebugCodeHookGuid), nullptr);
+
   gConfig.DebugCodeHookEnabled = TRUE;
   Signalled = gDebugCodeHookGuid;
   Register(Signalled, 0, 1);
   Behaviours[1].SetStatus = kHookAnswerTaken;
-  UINT32 Handled = 0;
   EXPECT_EQ(SignalDebugCodeHook(0xF1, &Handled), EFI_SUCCESS);
   ASSERT_EQ(Calls.size(), 1u);
   UINT32 Fields[3] = {};
@@ -368,13 +357,6 @@ TEST_F(CallbackHubTest, DebugCodeHookHandsTheCodeOverIn12BytesAndReportsATakeOve
   EXPECT_EQ(Fields[0], 12u);
   EXPECT_EQ(Fields[2], 0xF1u);
   EXPECT_EQ(Handled, kHookAnswerTaken);
-}
-
-TEST_F(CallbackHubTest, DebugCodeHookIsOffInTheReferenceBuild) {
-  UINT32 Handled = 9;
-  EXPECT_EQ(SignalDebugCodeHook(0xF1, &Handled), EFI_SUCCESS);
-  EXPECT_EQ(Handled, 0u);
-  EXPECT_EQ(HookFind(&gDebugCodeHookGuid), nullptr);
 }
 
 // ---- Finding or publishing the registry ------------------------------------------------------
@@ -390,6 +372,13 @@ protected:
 
 TEST_F(CallbackHubStart, FirstDriverCreatesAndPublishesAnEmptyRegistry) {
   Install.CallbackHub = FALSE;
+  PrepareBoot();
+  Sim.FailAllocationAfter(1);
+  EXPECT_EQ(RunConstructor(), EFI_OUT_OF_RESOURCES);
+  EXPECT_TRUE(Sim.HandlesWith(gCallbackHubProtocolGuid).empty());
+  TestRecord Record = {sizeof(TestRecord), 0, 0};
+  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_NOT_READY) << "no registry, no signals";
+
   EXPECT_EQ(RunConstructor(), EFI_SUCCESS);
   auto Handles = Sim.HandlesWith(gCallbackHubProtocolGuid);
   ASSERT_EQ(Handles.size(), 1u);
@@ -397,16 +386,6 @@ TEST_F(CallbackHubStart, FirstDriverCreatesAndPublishesAnEmptyRegistry) {
   EXPECT_EQ(Sim.InterfaceOn(Handles[0], gCallbackHubProtocolGuid), mCallbackHub);
   EXPECT_EQ(mCallbackHub->Flink, mCallbackHub);
   EXPECT_EQ(mCallbackHub->Blink, mCallbackHub);
-}
-
-TEST_F(CallbackHubStart, RegistryThatCannotBeAllocatedLeavesSignalsNotReady) {
-  Install.CallbackHub = FALSE;
-  PrepareBoot();
-  Sim.FailAllocationAfter(1);
-  EXPECT_EQ(RunConstructor(), EFI_OUT_OF_RESOURCES);
-  EXPECT_TRUE(Sim.HandlesWith(gCallbackHubProtocolGuid).empty());
-  TestRecord Record = {sizeof(TestRecord), 0, 0};
-  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_NOT_READY);
 }
 
 TEST_F(CallbackHubStart, InsideSmmTheRegistryComesFromTheSmmDatabase) {

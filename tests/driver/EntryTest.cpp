@@ -1,5 +1,6 @@
 // Driver start-up: the library order, every row of the entry's failure table, the two
 // service tables and the update-tool probe.
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,18 +27,15 @@ protected:
     gSteps = nullptr;
   }
 
+  // The last library's name seen again after the constructors: the destructor list ran.
   size_t DestructorRuns() const {
     size_t Count = 0;
-    for (size_t Index = 0; Index < Steps.size(); Index++) {
-      Count += Steps[Index] == "CriticalDataAuthVarLib" && Index >= kLibraryConstructorCount ? 1 : 0;
+    for (size_t Index = kLibraryConstructorCount; Index < Steps.size(); Index++) {
+      Count += Steps[Index] == "CriticalDataAuthVarLib" ? 1 : 0;
     }
     return Count;
   }
-
-  void ExpectNothingInstalled() {
-    EXPECT_TRUE(Sim.HandlesWith(gBiosImageInterfaceProtocolGuid).empty());
-    EXPECT_TRUE(Sim.HandlesWith(gBiosImageInterfaceProtocol2Guid).empty());
-  }
+  size_t Installed(const EFI_GUID &Guid) const { return Sim.HandlesWith(Guid).size(); }
 
   std::vector<std::string> Steps;
 };
@@ -78,52 +76,96 @@ TEST_F(DriverEntry, StartsLibrariesInOrderAndInstallsBothTablesOnDistinctHandles
   EXPECT_EQ(mUpdateHobsRequired, 1);
   EXPECT_EQ(BootBlockUpdateEnabled, 1);
   EXPECT_EQ(mStageUpdateToDisk, 0);
+  EXPECT_EQ(Sim.LoadedImage()->Unload, nullptr) << "no unload handler with the shipped count";
 }
+
+// ---- The failure table ------------------------------------------------------------------
+
+// What a row may change before the entry runs.
+struct Scenario {
+  SimUefi &Sim;
+  EmuInstallOptions &Install;
+  bool &PublishHobList;
+  std::function<void()> PrepareBoot;  // for allocation failures counted from the entry on
+};
+
+struct FailureRow {
+  const char *Name;
+  std::function<void(Scenario)> Arrange;
+  EFI_STATUS Expected;
+  bool FirstInstalled, SecondInstalled;
+  size_t Destructors;  // runs of the destructor list
+  std::vector<std::string> Traces;  // checked when not empty
+  std::function<void()> Check = [] {};  // what else the row leaves behind
+};
+
+void PrintTo(const FailureRow &Case, std::ostream *Out) { *Out << Case.Name; }
+
+const FailureRow kFailureRows[] = {
+    {"RevisionTooOld", [](Scenario) { gConfig.MinimumSystemTableRevision = 0xFFFFFFFF; }, EFI_INCOMPATIBLE_VERSION,
+     false, false, 0, {}, [] { EXPECT_TRUE(gSteps->empty()) << "checked before anything else"; }},
+    {"Disabled", [](Scenario) { gConfig.PcdBiosImageInterfaceEnable = FALSE; }, EFI_NOT_STARTED, false, false, 1, {},
+     [] { EXPECT_EQ(mPlatformConfig, nullptr) << "nothing is located"; }},
+    {"NoHobList", [](Scenario S) { S.PublishHobList = false; }, EFI_NOT_FOUND, false, false, 1, {}},
+    {"NoPlatformConfig", [](Scenario S) { S.Install.PlatformConfig = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
+    {"NoFlashDevice", [](Scenario S) { S.Install.FlashDevice = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
+    {"NoFlashService", [](Scenario S) { S.Install.FlashService = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
+    {"NoBootBlockHandler", [](Scenario S) { S.Install.BootBlockHandler = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
+    {"ZeroFlashBase", [](Scenario) { gConfig.PcdFlashBase = 0; }, EFI_OUT_OF_RESOURCES, false, false, 1,
+     {"  mFlashBase = 0", "  FlashBase not found"},
+     [] { EXPECT_NE(mPlatformFlashService, nullptr) << "the located protocols stay recorded"; }},
+    // Pool allocations before the first table: none in the libraries of this build.
+    {"FirstTableAllocation",
+     [](Scenario S) {
+       S.PrepareBoot();
+       S.Sim.FailAllocationAfter(1);
+     },
+     EFI_OUT_OF_RESOURCES, false, false, 1, {}},
+    {"SecondTableAllocation",
+     [](Scenario S) {
+       S.PrepareBoot();
+       S.Sim.FailAllocationAfter(2);
+     },
+     EFI_OUT_OF_RESOURCES, true, false, 1, {}},
+    {"FirstInstallationIsNotReported",
+     [](Scenario S) { S.Sim.FailNextInstall(gBiosImageInterfaceProtocolGuid, EFI_OUT_OF_RESOURCES); }, EFI_SUCCESS,
+     false, true, 0, {}, [] { EXPECT_EQ(mBiosImageInterface, nullptr); }},
+    {"SecondInstallation",
+     [](Scenario S) { S.Sim.FailNextInstall(gBiosImageInterfaceProtocol2Guid, EFI_ACCESS_DENIED); },
+     EFI_ACCESS_DENIED, true, false, 1, {}},
+};
+
+class DriverEntryFailure : public DriverEntry, public ::testing::WithParamInterface<FailureRow> {};
+
+TEST_P(DriverEntryFailure, ReturnsItsStatusAndStopsTheLibrariesItStarted) {
+  const FailureRow &Row = GetParam();
+  Row.Arrange(Scenario{Sim, Install, PublishHobList, [this] { PrepareBoot(); }});
+  EnableTraces(true);
+  EXPECT_EQ(StartDriver(), Row.Expected);
+  EXPECT_EQ(Installed(gBiosImageInterfaceProtocolGuid), Row.FirstInstalled ? 1u : 0u);
+  EXPECT_EQ(Installed(gBiosImageInterfaceProtocol2Guid), Row.SecondInstalled ? 1u : 0u);
+  EXPECT_EQ(DestructorRuns(), Row.Destructors);
+  if (Row.Destructors != 0) {
+    EXPECT_EQ(Steps.back(), "DebugPrintErrorLevelLib") << "the destructors ran to the end";
+    EXPECT_EQ(Sim.OpenEvents(), 0u) << "the debug-mask library closed its event";
+  }
+  if (!Row.Traces.empty()) {
+    EXPECT_EQ(Traces(), Row.Traces);
+  }
+  EXPECT_EQ(Sim.LeakedAllocations(), 0u) << "a table that was not installed was freed";
+  Row.Check();
+}
+
+INSTANTIATE_TEST_SUITE_P(EachRow, DriverEntryFailure, ::testing::ValuesIn(kFailureRows),
+                         [](const auto &Info) { return std::string(Info.param.Name); });
+
+// ---- Start-up variations that succeed -----------------------------------------------------
 
 TEST_F(DriverEntry, BootModeComesFromTheHandoffHob) {
   Hobs.Handoff()->BootMode = BOOT_ON_FLASH_UPDATE;
   EXPECT_EQ(StartDriver(), EFI_SUCCESS);
   EXPECT_EQ(mBootMode, static_cast<EFI_BOOT_MODE>(BOOT_ON_FLASH_UPDATE));
 }
-
-TEST_F(DriverEntry, DisabledBuildInstallsNothingAndRunsDestructors) {
-  gConfig.PcdBiosImageInterfaceEnable = FALSE;
-  EXPECT_EQ(StartDriver(), EFI_NOT_STARTED);
-  ExpectNothingInstalled();
-  EXPECT_EQ(mPlatformConfig, nullptr) << "nothing is located";
-  EXPECT_EQ(DestructorRuns(), 1u);
-  EXPECT_EQ(Steps.back(), "DebugPrintErrorLevelLib");
-  EXPECT_EQ(Sim.OpenEvents(), 0u) << "the debug-mask library closed its event";
-}
-
-TEST_F(DriverEntry, MissingHobListIsNotFound) {
-  PublishHobList = false;
-  EXPECT_EQ(StartDriver(), EFI_NOT_FOUND);
-  ExpectNothingInstalled();
-  EXPECT_EQ(DestructorRuns(), 1u);
-}
-
-struct MissingProtocolCase {
-  const char *Name;
-  BOOLEAN EmuInstallOptions::*Field;
-};
-
-class DriverEntryMissingProtocol : public DriverEntry, public ::testing::WithParamInterface<MissingProtocolCase> {};
-
-TEST_P(DriverEntryMissingProtocol, ReturnsTheLocateStatusAndInstallsNothing) {
-  Install.*(GetParam().Field) = FALSE;
-  EXPECT_EQ(StartDriver(), EFI_NOT_FOUND);
-  ExpectNothingInstalled();
-  EXPECT_EQ(DestructorRuns(), 1u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EachRequiredProtocol, DriverEntryMissingProtocol,
-    ::testing::Values(MissingProtocolCase{"PlatformConfig", &EmuInstallOptions::PlatformConfig},
-                      MissingProtocolCase{"FlashDevice", &EmuInstallOptions::FlashDevice},
-                      MissingProtocolCase{"FlashService", &EmuInstallOptions::FlashService},
-                      MissingProtocolCase{"BootBlockHandler", &EmuInstallOptions::BootBlockHandler}),
-    [](const auto &Info) { return std::string(Info.param.Name); });
 
 TEST_F(DriverEntry, FlashDeviceAlreadyInTheConfigBlockIsNotLocated) {
   Install.FlashDevice = FALSE;
@@ -137,50 +179,6 @@ TEST_F(DriverEntry, BootBlockHandlerIsNotNeededWhenTheFeatureIsOff) {
   EXPECT_EQ(StartDriver(), EFI_SUCCESS);
   EXPECT_EQ(BootBlockUpdateEnabled, 0);
   EXPECT_EQ(mBootBlockHandler, nullptr);
-}
-
-TEST_F(DriverEntry, ZeroFlashBaseIsOutOfResourcesAfterTheProtocolsAreLocated) {
-  gConfig.PcdFlashBase = 0;
-  EnableTraces(true);
-  EXPECT_EQ(StartDriver(), EFI_OUT_OF_RESOURCES);
-  ExpectNothingInstalled();
-  EXPECT_EQ(mPlatformFlashService, Platform->FlashService) << "protocols stay recorded";
-  EXPECT_EQ(Traces(), (std::vector<std::string>{"  mFlashBase = 0", "  FlashBase not found"}));
-  EXPECT_EQ(DestructorRuns(), 1u);
-}
-
-TEST_F(DriverEntry, FirstTableAllocationFailureIsOutOfResources) {
-  PrepareBoot();
-  // Pool allocations before the first table: none in the libraries of this build.
-  Sim.FailAllocationAfter(1);
-  EXPECT_EQ(StartDriver(), EFI_OUT_OF_RESOURCES);
-  ExpectNothingInstalled();
-}
-
-TEST_F(DriverEntry, SecondTableAllocationFailureKeepsTheFirstInstalled) {
-  PrepareBoot();
-  Sim.FailAllocationAfter(2);
-  EXPECT_EQ(StartDriver(), EFI_OUT_OF_RESOURCES);
-  EXPECT_EQ(Sim.HandlesWith(gBiosImageInterfaceProtocolGuid).size(), 1u);
-  EXPECT_TRUE(Sim.HandlesWith(gBiosImageInterfaceProtocol2Guid).empty());
-  EXPECT_EQ(DestructorRuns(), 1u);
-}
-
-TEST_F(DriverEntry, FirstInstallationFailureIsNotReported) {
-  Sim.FailNextInstall(gBiosImageInterfaceProtocolGuid, EFI_OUT_OF_RESOURCES);
-  EXPECT_EQ(StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(mBiosImageInterface, nullptr);
-  EXPECT_TRUE(Sim.HandlesWith(gBiosImageInterfaceProtocolGuid).empty());
-  EXPECT_EQ(Sim.HandlesWith(gBiosImageInterfaceProtocol2Guid).size(), 1u);
-  EXPECT_EQ(Sim.LeakedAllocations(), 0u) << "the first table was freed";
-}
-
-TEST_F(DriverEntry, SecondInstallationFailureIsReturned) {
-  Sim.FailNextInstall(gBiosImageInterfaceProtocol2Guid, EFI_ACCESS_DENIED);
-  EXPECT_EQ(StartDriver(), EFI_ACCESS_DENIED);
-  EXPECT_EQ(Sim.HandlesWith(gBiosImageInterfaceProtocolGuid).size(), 1u);
-  EXPECT_TRUE(Sim.HandlesWith(gBiosImageInterfaceProtocol2Guid).empty());
-  EXPECT_EQ(DestructorRuns(), 1u);
 }
 
 TEST_F(DriverEntry, UpdateToolProbeReadsExtendedCmosF8ThroughThePlatformPorts) {
@@ -204,24 +202,7 @@ TEST_F(DriverEntry, ProbeLeavesTheFlagAloneForAnyOtherValue) {
   EXPECT_EQ(mStageUpdateToDisk, 0);
 }
 
-}  // namespace
-
-namespace {
-
-class DriverEntryModuleConstants : public DriverEntry {};
-
-TEST_F(DriverEntryModuleConstants, RevisionCheckFiresOnlyWhenConfigured) {
-  gConfig.MinimumSystemTableRevision = 0xFFFFFFFF;
-  EXPECT_EQ(StartDriver(), EFI_INCOMPATIBLE_VERSION);
-  EXPECT_TRUE(Steps.empty()) << "nothing else is done";
-}
-
-TEST_F(DriverEntryModuleConstants, NoUnloadHandlerIsInstalledWithTheShippedCount) {
-  EXPECT_EQ(StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(Sim.LoadedImage()->Unload, nullptr);
-}
-
-TEST_F(DriverEntryModuleConstants, AnUnloadCountInstallsTheHandlerThatStopsTheLibraries) {
+TEST_F(DriverEntry, AnUnloadCountInstallsTheHandlerThatStopsTheLibraries) {
   gConfig.UnloadImageCount = 1;
   EXPECT_EQ(StartDriver(), EFI_SUCCESS);
   ASSERT_EQ(Sim.LoadedImage()->Unload, &BiosImageInterfaceUnload);

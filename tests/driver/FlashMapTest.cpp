@@ -41,11 +41,7 @@ std::vector<uint8_t> SampleMap(UINT64 Base = kBase) {
 class FlashMapTest : public PlatformFixture {
 protected:
   // Scans must not meet a map that the default image carries.
-  void EraseFlash() { std::memset(Platform->Flash.Bytes(), 0xFF, Platform->Flash.Size()); }
-  void PutInFlash(UINT64 Address, const std::vector<uint8_t> &Bytes) {
-    Platform->Flash.Load(static_cast<UINT32>(Address - Platform->FlashBaseAddress), Bytes.data(),
-                         static_cast<UINT32>(Bytes.size()));
-  }
+  FlashMapTest() { std::memset(Platform->Flash.Bytes(), 0xFF, Platform->Flash.Size()); }
   // Start-up as far as the flash map: globals, HOB list, then the map's own constructor.
   EFI_STATUS StartMapLibrary() {
     PrepareBoot();
@@ -57,42 +53,147 @@ protected:
     auto Handles = Sim.HandlesWith(gFlashMapProtocolGuid);
     return Handles.size() == 1 ? Sim.InterfaceOn(Handles[0], gFlashMapProtocolGuid) : nullptr;
   }
+  void AddMapHob(const std::vector<uint8_t> &Map) { Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size()); }
+  void PutInFlash(UINT64 Address, const std::vector<uint8_t> &Map) {
+    Platform->Flash.Load(static_cast<UINT32>(Address - Platform->FlashBaseAddress), Map.data(),
+                         static_cast<UINT32>(Map.size()));
+  }
 };
 
-TEST_F(FlashMapTest, HobMapIsCopiedToRuntimePoolAndPublished) {
-  std::vector<uint8_t> Map = SampleMap();
-  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
-  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+// ---- Sources at start ---------------------------------------------------------------------
 
-  const VOID *Published = PublishedMap();
-  ASSERT_NE(Published, nullptr);
-  EXPECT_EQ(mFlashMap, Published);
-  EXPECT_EQ(std::memcmp(Published, Map.data(), Map.size()), 0);
-  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), kBase + 0x1000);
-  EXPECT_EQ(FlashMapGetSize(&kTypeA, 1), 0x100u);
-  EXPECT_EQ(FlashMapGetBase(), kBase);
-}
+// Each map is SampleMap(base); a base of 0 means no such map.
+struct SourceCase {
+  const char *Name;
+  bool Recovery;
+  std::vector<UINT64> Hobs;  // maps in flash-map HOBs, in order
+  UINT64 AddressHob;         // the map a recovery address HOB names
+  UINT64 Theirs;             // the map another driver published first
+  UINT64 AtScanStep;         // the map in flash at 0xFF0EA000
+  UINT64 AtPcd;              // the map in flash at 0xFF010000, the address the PCD names
+  EFI_STATUS Expected;
+  UINT64 Base;     // of the map the lookups then answer from
+  bool Published;  // a copy of that map (or the other driver's) on one handle
+};
 
-TEST_F(FlashMapTest, TheLastOfSeveralHobsWins) {
-  std::vector<uint8_t> First = SampleMap(0x1000000);
-  std::vector<uint8_t> Last = SampleMap(0x2000000);
-  Hobs.AddGuidHob(gFlashMapHobGuid, First.data(), First.size());
-  Hobs.AddGuidHob(gFlashMapHobGuid, Last.data(), Last.size());
-  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
-  EXPECT_EQ(FlashMapGetBase(), 0x2000000u);
-}
+void PrintTo(const SourceCase &Case, std::ostream *Out) { *Out << Case.Name; }
 
-TEST_F(FlashMapTest, MapPublishedByAnotherDriverIsAdopted) {
-  std::vector<uint8_t> Theirs = SampleMap(0x3000000);
+const SourceCase kSources[] = {
+    {"HobMapIsCopiedAndPublished", false, {kBase}, 0, 0, 0, 0, EFI_SUCCESS, kBase, true},
+    {"LastOfSeveralHobsWins", false, {0x1000000, 0x2000000}, 0, 0, 0, 0, EFI_SUCCESS, 0x2000000, true},
+    {"MapOfAnotherDriverIsAdopted", false, {kBase}, 0, 0x3000000, 0, 0, EFI_SUCCESS, 0x3000000, true},
+    {"WithoutHobOutsideRecoveryTheLookupsScan", false, {}, 0, 0, kBase, 0, EFI_NOT_FOUND, kBase, false},
+    {"RecoveryTakesTheAddressHob", true, {}, 0x4000000, 0, 0, 0, EFI_SUCCESS, 0x4000000, true},
+    {"RecoveryTakesThePcdAddressWhenItHoldsAMap", true, {}, 0, 0, 0x5000000, 0x6000000, EFI_SUCCESS, 0x6000000, true},
+    {"RecoveryScansWhenThePcdAddressHoldsNoMap", true, {}, 0, 0, 0x5000000, 0, EFI_SUCCESS, 0x5000000, true},
+    {"RecoveryWithoutAnyMap", true, {}, 0, 0, 0, 0, EFI_NOT_FOUND, 0, false},
+};
+
+class FlashMapSources : public FlashMapTest, public ::testing::WithParamInterface<SourceCase> {};
+
+TEST_P(FlashMapSources, GivesItsStatusPublishesACopyAndAnswersFromIt) {
+  const SourceCase &Case = GetParam();
+  if (Case.Recovery) {
+    Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
+  }
+  for (UINT64 Base : Case.Hobs) {
+    AddMapHob(SampleMap(Base));
+  }
+  std::vector<uint8_t> Named = SampleMap(Case.AddressHob), Theirs = SampleMap(Case.Theirs);
+  const UINT64 Address = reinterpret_cast<UINT64>(Named.data());
+  if (Case.AddressHob != 0) {
+    Hobs.AddGuidHob(gFlashMapAddressHobGuid, &Address, sizeof(Address));
+  }
   EFI_HANDLE Handle = nullptr;
-  Sim.Install(&Handle, gFlashMapProtocolGuid, Theirs.data());
-  std::vector<uint8_t> Ours = SampleMap();
-  Hobs.AddGuidHob(gFlashMapHobGuid, Ours.data(), Ours.size());
-  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
-  EXPECT_EQ(mFlashMap, Theirs.data());
-  EXPECT_EQ(Sim.HandlesWith(gFlashMapProtocolGuid).size(), 1u);
-  EXPECT_EQ(FlashMapGetAddress(&kTypeB, 1), 0x3000000u + 0x5000);
+  if (Case.Theirs != 0) {
+    Sim.Install(&Handle, gFlashMapProtocolGuid, Theirs.data());
+  }
+  if (Case.AtScanStep != 0) {
+    PutInFlash(0xFF0EA000, SampleMap(Case.AtScanStep));
+  }
+  if (Case.AtPcd != 0) {
+    PutInFlash(0xFF010000, SampleMap(Case.AtPcd));
+  }
+  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, 0xFF010000);
+
+  EXPECT_EQ(StartMapLibrary(), Case.Expected);
+  ASSERT_EQ(PublishedMap() != nullptr, Case.Published);
+  if (Case.Published) {
+    EXPECT_EQ(mFlashMap, PublishedMap());
+    const std::vector<uint8_t> Map = SampleMap(Case.Base);
+    EXPECT_EQ(std::memcmp(PublishedMap(), Map.data(), Map.size()), 0);
+  }
+  EXPECT_EQ(FlashMapGetBase(), Case.Base);
+  EXPECT_EQ(FlashMapGetAddress(&kTypeB, 1), Case.Base == 0 ? 0 : Case.Base + 0x5000);
+  EXPECT_EQ(FlashMapGetSize(&kTypeB, 1), Case.Base == 0 ? 0 : 0x500u);
 }
+
+INSTANTIATE_TEST_SUITE_P(EachSource, FlashMapSources, ::testing::ValuesIn(kSources),
+                         [](const auto &Info) { return std::string(Info.param.Name); });
+
+TEST_F(FlashMapTest, HobMapLargerThanItsHobIsNotPublishedButItsEntriesAnswer) {
+  std::vector<uint8_t> Map = SampleMap();
+  SetFlashMapField32(Map, offsetof(FlashMapHeader, TotalSize), 0x10000);
+  SealFlashMapHeader(Map);
+  AddMapHob(Map);
+  EXPECT_EQ(StartMapLibrary(), EFI_VOLUME_CORRUPTED);
+  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
+  EXPECT_EQ(FlashMapGetAddress(&kTypeB, 1), kBase + 0x5000);
+}
+
+TEST_F(FlashMapTest, ScanLooksOnlyAt4KiBStepsInsideTheConfiguredSizeAndKeepsItsHit) {
+  PutInFlash(0xFF0EA010, SampleMap());
+  EXPECT_EQ(StartMapLibrary(), EFI_NOT_FOUND);
+  EXPECT_EQ(mFlashMapEvent, nullptr);
+  EXPECT_EQ(FlashMapFind(), nullptr);
+
+  PutInFlash(0xFF800000, SampleMap());
+  gConfig.PcdFlashSize = 0x800000;
+  EXPECT_EQ(FlashMapFind(), nullptr) << "offset 0x800000 is the bound, not searched";
+  gConfig.PcdFlashSize = 0x801000;
+  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), kBase + 0x1000);
+  EXPECT_EQ(mFlashMap, Platform->Flash.Bytes() + 0x800000) << "the hit is kept";
+}
+
+TEST_F(FlashMapTest, InsideSmmThereIsNoEventAndTheCopyGoesToTheSmmDatabase) {
+  AddMapHob(SampleMap());
+  Sim.InstallSmmBase2(TRUE);
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  EXPECT_EQ(mFlashMapEvent, nullptr);
+  ASSERT_NE(Sim.SmmInterface(gFlashMapProtocolGuid), nullptr);
+  EXPECT_EQ(mFlashMap, Sim.SmmInterface(gFlashMapProtocolGuid));
+  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
+}
+
+TEST_F(FlashMapTest, AfterExitBootServicesEveryLookupIsUnsupported) {
+  AddMapHob(SampleMap());
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  ASSERT_NE(mFlashMapEvent, nullptr);
+  Sim.SignalEventGroup(gEfiEventExitBootServicesGuid);
+  EXPECT_TRUE(mFlashMapGone);
+  EXPECT_EQ(mFlashMapEvent, nullptr);
+
+  UINT8 Count = 0;
+  UINT64 Address = 0;
+  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), 0u);
+  EXPECT_EQ(FlashMapGetSize(&kTypeA, 1), 0u);
+  EXPECT_EQ(FlashMapGetBase(), 0u);
+  EXPECT_EQ(FlashMapCountEntries(&Count), EFI_UNSUPPORTED);
+  EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), EFI_UNSUPPORTED);
+  EXPECT_EQ(FlashMapGetRegion(&kTypeA, 1, &Address, nullptr), EFI_UNSUPPORTED);
+  EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_UNSUPPORTED);
+}
+
+TEST_F(FlashMapTest, DestructorClosesTheExitBootServicesEvent) {
+  AddMapHob(SampleMap());
+  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
+  size_t EventsBefore = Sim.OpenEvents();
+  EXPECT_EQ(FlashMapLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1);
+  EXPECT_EQ(mFlashMapEvent, nullptr);
+}
+
+// ---- Lookups ------------------------------------------------------------------------------
 
 TEST_F(FlashMapTest, IgnoredEntriesAreInvisibleAndInstancesCountUsableEntries) {
   std::vector<uint8_t> Map = SampleMap();
@@ -120,7 +221,7 @@ TEST_F(FlashMapTest, IgnoredEntriesAreInvisibleAndInstancesCountUsableEntries) {
   EXPECT_EQ(FlashMapGetAddress(&kTypeA, 0), 0u);
 }
 
-TEST_F(FlashMapTest, NamedAreasAreFoundByName) {
+TEST_F(FlashMapTest, NamedAreasAreFoundByNameTheLastUsableWinning) {
   std::vector<uint8_t> Map = FlashMapBuilder(kBase)
                                  .AddNamed(kName2, 0x100, 0x10)
                                  .Add({gFlashMapNamedAreaGuid, kName1, 0x200, 0x20, kFlashMapEntryIgnored})
@@ -136,159 +237,24 @@ TEST_F(FlashMapTest, NamedAreasAreFoundByName) {
   EXPECT_EQ(Address, 0u);
 }
 
-TEST_F(FlashMapTest, EveryHeaderBitFlipIsCaught) {
-  gConfig.PcdFlashSize = 0;  // no flash to fall back on
-  const std::vector<uint8_t> Good = SampleMap();
-  for (size_t Bit = 0; Bit < 28 * 8; Bit++) {
-    std::vector<uint8_t> Map = Good;
-    Map[Bit / 8] ^= static_cast<uint8_t>(1u << (Bit % 8));
-    UseFlashMapForTest(Map.data(), Map.size());
-    EFI_STATUS Expected = Bit < 32 ? EFI_NOT_FOUND : EFI_SECURITY_VIOLATION;
-    UINT8 Count = 0;
-    EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), Expected) << "bit " << Bit;
-    EXPECT_EQ(FlashMapCountEntries(&Count), Expected) << "bit " << Bit;
-    EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), 0u) << "bit " << Bit;
-    UINT64 Address = 1;
-    EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_NOT_FOUND) << "bit " << Bit;
-  }
-}
-
-TEST_F(FlashMapTest, WithoutHobOutsideRecoveryTheLookupsScanTheFlash) {
-  EraseFlash();
-  std::vector<uint8_t> Map = SampleMap();
-  PutInFlash(0xFF0EA000, Map);
-  EXPECT_EQ(StartMapLibrary(), EFI_NOT_FOUND);
-  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
-  EXPECT_EQ(mFlashMapEvent, nullptr);
-
-  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), kBase + 0x1000);
-  EXPECT_EQ(mFlashMap, Platform->Flash.Bytes() + 0xEA000) << "the hit is kept";
-}
-
-TEST_F(FlashMapTest, ScanLooksOnlyAt4KiBStepsInsideTheConfiguredSize) {
-  EraseFlash();
-  std::vector<uint8_t> Map = SampleMap();
-  PutInFlash(0xFF0EA010, Map);
-  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), 0u);
-  EXPECT_EQ(FlashMapFind(), nullptr);
-
-  PutInFlash(0xFF800000, Map);
-  gConfig.PcdFlashSize = 0x800000;
-  EXPECT_EQ(FlashMapFind(), nullptr) << "offset 0x800000 is the bound, not searched";
-  gConfig.PcdFlashSize = 0x801000;
-  EXPECT_EQ(FlashMapFind(), Platform->Flash.Bytes() + 0x800000);
-}
-
-TEST_F(FlashMapTest, RecoveryTakesTheAddressHob) {
-  Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
-  std::vector<uint8_t> Map = SampleMap(0x4000000);
-  UINT64 Address = reinterpret_cast<UINT64>(Map.data());
-  Hobs.AddGuidHob(gFlashMapAddressHobGuid, &Address, sizeof(Address));
-  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
-  ASSERT_NE(PublishedMap(), nullptr);
-  EXPECT_EQ(std::memcmp(PublishedMap(), Map.data(), Map.size()), 0);
-  EXPECT_EQ(FlashMapGetBase(), 0x4000000u);
-}
-
-TEST_F(FlashMapTest, RecoveryTakesThePcdAddressWhenItHoldsAMap) {
-  EraseFlash();
-  Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
-  PutInFlash(0xFF0EA000, SampleMap(0x5000000));
-  PutInFlash(0xFF010000, SampleMap(0x6000000));
-  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, 0xFF010000);
-  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
-  EXPECT_EQ(FlashMapGetBase(), 0x6000000u);
-}
-
-TEST_F(FlashMapTest, RecoveryScansWhenThePcdAddressHoldsNoMap) {
-  EraseFlash();
-  Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
-  PutInFlash(0xFF0EA000, SampleMap(0x5000000));
-  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, 0xFF010000);
-  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
-  EXPECT_EQ(FlashMapGetBase(), 0x5000000u);
-  EXPECT_NE(PublishedMap(), nullptr);
-}
-
-TEST_F(FlashMapTest, RecoveryWithoutAnyMapPublishesNothing) {
-  EraseFlash();
-  Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
-  EXPECT_EQ(StartMapLibrary(), EFI_NOT_FOUND);
-  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
-  EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), EFI_NOT_FOUND);
-}
-
-TEST_F(FlashMapTest, HobMapLargerThanItsHobIsNotPublished) {
-  std::vector<uint8_t> Map = SampleMap();
-  SetFlashMapField32(Map, offsetof(FlashMapHeader, TotalSize), 0x10000);
-  SealFlashMapHeader(Map);
-  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
-  EXPECT_EQ(StartMapLibrary(), EFI_VOLUME_CORRUPTED);
-  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
-  EXPECT_EQ(FlashMapGetAddress(&kTypeB, 1), kBase + 0x5000) << "the entries inside the HOB still answer";
-}
-
-TEST_F(FlashMapTest, AfterExitBootServicesEveryLookupIsUnsupported) {
-  std::vector<uint8_t> Map = SampleMap();
-  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
-  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
-  ASSERT_NE(mFlashMapEvent, nullptr);
-  Sim.SignalEventGroup(gEfiEventExitBootServicesGuid);
-  EXPECT_TRUE(mFlashMapGone);
-  EXPECT_EQ(mFlashMapEvent, nullptr);
-
-  UINT8 Count = 0;
-  UINT64 Address = 0;
-  EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), 0u);
-  EXPECT_EQ(FlashMapGetSize(&kTypeA, 1), 0u);
-  EXPECT_EQ(FlashMapGetBase(), 0u);
-  EXPECT_EQ(FlashMapCountEntries(&Count), EFI_UNSUPPORTED);
-  EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), EFI_UNSUPPORTED);
-  EXPECT_EQ(FlashMapGetRegion(&kTypeA, 1, &Address, nullptr), EFI_UNSUPPORTED);
-  EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_UNSUPPORTED);
-}
-
-TEST_F(FlashMapTest, DestructorClosesTheExitBootServicesEvent) {
-  std::vector<uint8_t> Map = SampleMap();
-  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
-  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
-  size_t EventsBefore = Sim.OpenEvents();
-  EXPECT_EQ(FlashMapLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-  EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1);
-  EXPECT_EQ(mFlashMapEvent, nullptr);
-}
-
-TEST_F(FlashMapTest, InsideSmmThereIsNoEventAndTheCopyGoesToTheSmmDatabase) {
-  std::vector<uint8_t> Map = SampleMap();
-  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
-  Sim.InstallSmmBase2(TRUE);
-  EXPECT_EQ(StartMapLibrary(), EFI_SUCCESS);
-  EXPECT_EQ(mFlashMapEvent, nullptr);
-  ASSERT_NE(Sim.SmmInterface(gFlashMapProtocolGuid), nullptr);
-  EXPECT_EQ(mFlashMap, Sim.SmmInterface(gFlashMapProtocolGuid));
-  EXPECT_TRUE(Sim.HandlesWith(gFlashMapProtocolGuid).empty());
-}
-
 TEST_F(FlashMapTest, CountIsEightBitsWideAndNameSearchStillEnds) {
-  FlashMapBuilder Builder(kBase);
-  for (UINT32 Index = 0; Index < 255; Index++) {
-    Builder.AddNamed(kName2, Index, 1);
-  }
-  Builder.AddNamed(kName1, 0x999, 9);
-  std::vector<uint8_t> Map = Builder.Build();
-  UseFlashMapForTest(Map.data(), Map.size());
+  // Filler named areas, then the one searched for.
+  auto MapWithFiller = [](UINT32 Filler) {
+    FlashMapBuilder Builder(kBase);
+    for (UINT32 Index = 0; Index < Filler; Index++) {
+      Builder.AddNamed(kName2, Index, 1);
+    }
+    return Builder.AddNamed(kName1, 0x999, 9).Build();
+  };
+  std::vector<uint8_t> Wrapping = MapWithFiller(255);
+  UseFlashMapForTest(Wrapping.data(), Wrapping.size());
   UINT8 Count = 1;
   EXPECT_EQ(FlashMapCountEntries(&Count), EFI_SUCCESS);
   EXPECT_EQ(Count, 0) << "256 entries wrap to 0";
   UINT64 Address = 0;
   EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_NOT_FOUND);
 
-  FlashMapBuilder Full(kBase);
-  for (UINT32 Index = 0; Index < 254; Index++) {
-    Full.AddNamed(kName2, Index, 1);
-  }
-  Full.AddNamed(kName1, 0x999, 9);
-  std::vector<uint8_t> Shorter = Full.Build();
+  std::vector<uint8_t> Shorter = MapWithFiller(254);
   UseFlashMapForTest(Shorter.data(), Shorter.size());
   EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_SUCCESS) << "the 255th entry";
   EXPECT_EQ(Address, kBase + 0x999);
@@ -307,7 +273,46 @@ TEST_F(FlashMapTest, DefaultImageCarriesTheReferenceMapWhereThePlatformPcdPoints
   EXPECT_EQ(Address, gConfig.VariableStoreBase);
 }
 
+// The variable-store pointers of the 17th constructor: the named area first, else the first
+// area of the store type.
+TEST_F(FlashMapTest, VariableStorePointersComeFromTheNamedAreaOrTheFirstOfTheType) {
+  const std::vector<uint8_t> Maps[] = {
+      FlashMapBuilder(kBase)
+          .Add({gNvVariableStoreRegionGuid, kName1, 0x14A000, 0x30000, 0})
+          .AddNamed(gNvVariableStoreRegionGuid, 0x200000, 0x10000)
+          .Build(),
+      FlashMapBuilder(kBase).Add({gNvVariableStoreRegionGuid, kName1, 0x14A000, 0x30000, 0}).Build(),
+      SampleMap(),
+  };
+  const UINT64 Expected[][2] = {{kBase + 0x200000, 0x10000}, {kBase + 0x14A000, 0x30000}, {0, 0}};
+  for (size_t Index = 0; Index < 3; Index++) {
+    UseFlashMapForTest(Maps[Index].data(), Maps[Index].size());
+    ResetVariableStorePointersForTest();
+    EXPECT_EQ(VariableStorePointerLibConstructor(Sim.ImageHandle(), Sim.SystemTable()),
+              Expected[Index][0] == 0 ? EFI_NOT_FOUND : EFI_SUCCESS);
+    EXPECT_EQ(reinterpret_cast<UINT64>(mNvVariableStore), Expected[Index][0]) << Index;
+    EXPECT_EQ(mNvVariableStoreSize, Expected[Index][1]) << Index;
+  }
+}
+
 // ---- Malformed maps -----------------------------------------------------------------------
+
+TEST_F(FlashMapTest, EveryHeaderBitFlipIsCaught) {
+  gConfig.PcdFlashSize = 0;  // no flash to fall back on
+  const std::vector<uint8_t> Good = SampleMap();
+  for (size_t Bit = 0; Bit < 28 * 8; Bit++) {
+    std::vector<uint8_t> Map = Good;
+    Map[Bit / 8] ^= static_cast<uint8_t>(1u << (Bit % 8));
+    UseFlashMapForTest(Map.data(), Map.size());
+    EFI_STATUS Expected = Bit < 32 ? EFI_NOT_FOUND : EFI_SECURITY_VIOLATION;
+    UINT8 Count = 0;
+    EXPECT_EQ(FlashMapFindEntry(&kTypeA, 1, nullptr, nullptr, nullptr, nullptr), Expected) << "bit " << Bit;
+    EXPECT_EQ(FlashMapCountEntries(&Count), Expected) << "bit " << Bit;
+    EXPECT_EQ(FlashMapGetAddress(&kTypeA, 1), 0u) << "bit " << Bit;
+    UINT64 Address = 1;
+    EXPECT_EQ(FlashMapFindByName(&kName1, &Address, nullptr), EFI_NOT_FOUND) << "bit " << Bit;
+  }
+}
 
 struct MalformedMap {
   const char *Name;
@@ -324,12 +329,14 @@ constexpr size_t kNoField = SIZE_MAX;
 constexpr size_t kTotalSize = offsetof(FlashMapHeader, TotalSize);
 constexpr size_t kEntriesOffset = offsetof(FlashMapHeader, EntriesOffset);
 constexpr size_t kEntrySize = offsetof(FlashMapHeader, EntrySize);
+constexpr EFI_STATUS kViolation = EFI_SECURITY_VIOLATION;
 
 // The sample's entries: A (0x1C), A ignored (0x50), B (0x84), A (0xB8), named (0xEC); end 0x120.
+void PrintTo(const MalformedMap &Case, std::ostream *Out) { *Out << Case.Name; }
+
 const MalformedMap kMalformedMaps[] = {
-    {"StrideZero", kEntrySize, 0, 0, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION, 0},
-    {"StrideShorterThanAnEntry", kEntrySize, 51, 0, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION,
-     EFI_SECURITY_VIOLATION, 0},
+    {"StrideZero", kEntrySize, 0, 0, kViolation, kViolation, kViolation, 0},
+    {"StrideShorterThanAnEntry", kEntrySize, 51, 0, kViolation, kViolation, kViolation, 0},
     {"StrideNear4GiB", kEntrySize, 0xFFFFFFF0, 0, EFI_SUCCESS, EFI_NOT_FOUND, EFI_SUCCESS, 1},
     {"FirstEntryAtTheEnd", kEntriesOffset, 0x120, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_SUCCESS, 0},
     {"FirstEntryPastTheEnd", kEntriesOffset, 0x200, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_SUCCESS, 0},
@@ -338,7 +345,7 @@ const MalformedMap kMalformedMaps[] = {
     {"TotalSizeSmallerThanTheHeader", kTotalSize, 4, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_SUCCESS, 0},
     {"TotalSizeNear4GiB", kTotalSize, 0xFFFFFFFF, 0, EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS, 4},
     {"EntriesPastTheBytesThatExist", kNoField, 0, 0x84 + 20, EFI_SUCCESS, EFI_NOT_FOUND, EFI_SUCCESS, 1},
-    {"HeaderCutShort", kNoField, 0, 20, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION, EFI_SECURITY_VIOLATION, 0},
+    {"HeaderCutShort", kNoField, 0, 20, kViolation, kViolation, kViolation, 0},
     {"SignatureCutShort", kNoField, 0, 3, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_NOT_FOUND, 0},
     {"WrongSignature", 0, 0x4D444652, 0, EFI_NOT_FOUND, EFI_NOT_FOUND, EFI_NOT_FOUND, 0},
 };
@@ -370,37 +377,5 @@ TEST_P(FlashMapMalformed, GivesItsStatusWithoutReadingOutsideTheMap) {
 
 INSTANTIATE_TEST_SUITE_P(FlashMapMalformedTable, FlashMapMalformed, ::testing::ValuesIn(kMalformedMaps),
                          [](const auto &Info) { return std::string(Info.param.Name); });
-
-// ---- The variable-store pointers found through the map (17th constructor) --------------------
-
-class FlashMapVariableStorePointers : public FlashMapTest {};
-
-TEST_F(FlashMapVariableStorePointers, NamedAreaComesFirst) {
-  std::vector<uint8_t> Map = FlashMapBuilder(kBase)
-                                 .Add({gNvVariableStoreRegionGuid, kName1, 0x14A000, 0x30000, 0})
-                                 .AddNamed(gNvVariableStoreRegionGuid, 0x200000, 0x10000)
-                                 .Build();
-  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
-  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(reinterpret_cast<UINT64>(mNvVariableStore), kBase + 0x200000);
-  EXPECT_EQ(mNvVariableStoreSize, 0x10000u);
-}
-
-TEST_F(FlashMapVariableStorePointers, FirstAreaOfTheStoreTypeOtherwise) {
-  std::vector<uint8_t> Map =
-      FlashMapBuilder(kBase).Add({gNvVariableStoreRegionGuid, kName1, 0x14A000, 0x30000, 0}).Build();
-  Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
-  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(reinterpret_cast<UINT64>(mNvVariableStore), kBase + 0x14A000);
-  EXPECT_EQ(mNvVariableStoreSize, 0x30000u);
-}
-
-TEST_F(FlashMapVariableStorePointers, NoStoreAreaIsNotFound) {
-  PrepareBoot();
-  UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
-  gConfig.PcdFlashSize = 0;
-  EXPECT_EQ(VariableStorePointerLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_NOT_FOUND);
-  EXPECT_EQ(mNvVariableStore, nullptr);
-}
 
 }  // namespace

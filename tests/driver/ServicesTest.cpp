@@ -18,7 +18,7 @@ protected:
   }
 };
 
-TEST_F(FixedServices, VersionIsTwoPointZeroAndLoggedAsRecord27) {
+TEST_F(FixedServices, VersionIsTwoPointZeroAndLoggedAsRecord27WhenThereIsAnUpdateLog) {
   for (const EFI_GUID *Guid : {&gBiosImageInterfaceProtocolGuid, &gBiosImageInterfaceProtocol2Guid}) {
     BiosImageInterfaceProtocol *Services = Table(*Guid);
     UINT8 Major = 0xAA, Minor = 0xAA;
@@ -33,26 +33,33 @@ TEST_F(FixedServices, VersionIsTwoPointZeroAndLoggedAsRecord27) {
     EXPECT_EQ(Platform->Calls[0].Arguments[2], 0u);
     EXPECT_EQ(Platform->Calls[0].Arguments[3], 0u);
   }
-}
 
-TEST_F(FixedServices, VersionAnswersWithoutTheUpdateLog) {
   for (EFI_HANDLE Handle : Sim.HandlesWith(gUpdateLogProtocolGuid)) {
     Sim.BootServices()->UninstallProtocolInterface(Handle, const_cast<EFI_GUID *>(&gUpdateLogProtocolGuid),
                                                    Platform->UpdateLog);
   }
+  Platform->ClearCalls();
   BiosImageInterfaceProtocol *Services = Table(gBiosImageInterfaceProtocolGuid);
   UINT8 Major = 0, Minor = 9;
   EXPECT_EQ(Services->BiosGetDriverVersion(Services, &Major, &Minor), EFI_SUCCESS);
   EXPECT_EQ(Major, 2);
   EXPECT_EQ(Minor, 0);
   EXPECT_EQ(Platform->CountCalls("UpdateLogWriteRecord"), 0u);
+  EnableTraces(true);
+  Services->BiosGetDriverVersion(Services, &Major, &Minor);
+  EXPECT_EQ(Traces(), std::vector<std::string>{"  BiosImageInterfaceProtocol->BiosGetDriverVersion Entry"});
 }
 
 TEST_F(FixedServices, TokenIsAlwaysZeroAndReservedSlotsTouchNothing) {
   BiosImageInterfaceProtocol *Services = Table(gBiosImageInterfaceProtocol2Guid);
   UINT64 Token = ~0ull;
+  Platform->ClearTraces();
   EXPECT_EQ(Services->BiosGetUpdateToken(Services, &Token), EFI_SUCCESS);
   EXPECT_EQ(Token, 0u);
+  EXPECT_TRUE(Traces().empty()) << "no entry line without the debug switch";
+  EnableTraces(true);
+  Services->BiosGetUpdateToken(Services, &Token);
+  EXPECT_EQ(Traces(), std::vector<std::string>{"  BiosImageInterfaceProtocol->BiosGetUpdateToken Entry"});
 
   Platform->ClearCalls();
   Platform->ClearPortLog();
@@ -66,20 +73,5 @@ TEST_F(FixedServices, TokenIsAlwaysZeroAndReservedSlotsTouchNothing) {
   EXPECT_EQ(Platform->PortLogCount, 0u);
 }
 
-TEST_F(FixedServices, EntryLinesAreTracedOnlyWithTheDebugSwitch) {
-  BiosImageInterfaceProtocol *Services = Table(gBiosImageInterfaceProtocolGuid);
-  UINT8 Major, Minor;
-  UINT64 Token;
-  Platform->ClearTraces();
-  Services->BiosGetDriverVersion(Services, &Major, &Minor);
-  Services->BiosGetUpdateToken(Services, &Token);
-  EXPECT_TRUE(Traces().empty());
-
-  EnableTraces(true);
-  Services->BiosGetDriverVersion(Services, &Major, &Minor);
-  Services->BiosGetUpdateToken(Services, &Token);
-  EXPECT_EQ(Traces(), (std::vector<std::string>{"  BiosImageInterfaceProtocol->BiosGetDriverVersion Entry",
-                                                "  BiosImageInterfaceProtocol->BiosGetUpdateToken Entry"}));
-}
 
 }  // namespace

@@ -14,14 +14,9 @@ namespace {
 
 using EmuFlashLayout::kBiosIdAreaAddress;
 using EmuFlashLayout::kBootBlockFvAddress;
+using Regions = std::vector<std::pair<UINT32, UINT32>>;
 
 constexpr UINT8 kUnwritten = 0xCC;
-
-BiosImageQueryRecord FreshRecord() {
-  BiosImageQueryRecord Record;
-  memset(&Record, kUnwritten, sizeof(Record));
-  return Record;
-}
 
 std::vector<UINT8> RecordBytes(const BiosImageQueryRecord &Record) {
   const auto *Bytes = reinterpret_cast<const UINT8 *>(&Record);
@@ -34,8 +29,8 @@ void AppendLe(std::vector<UINT8> &Bytes, UINT64 Value, int Width) {
   }
 }
 
-std::vector<std::pair<UINT32, UINT32>> Regions(const BiosImageQueryRecord &Record) {
-  std::vector<std::pair<UINT32, UINT32>> Found;
+Regions ReportedRegions(const BiosImageQueryRecord &Record) {
+  Regions Found;
   for (UINT8 Index = 0; Index < Record.SkipRegionCount && Index < kMaxSkipRegions; Index++) {
     Found.emplace_back(Record.SkipRegions[Index].Start, Record.SkipRegions[Index].Pages);
   }
@@ -44,6 +39,18 @@ std::vector<std::pair<UINT32, UINT32>> Regions(const BiosImageQueryRecord &Recor
 
 class ImageQuery : public FlashFixture {
 protected:
+  // Starts the driver and queries through the first table; every query fills a record with
+  // kUnwritten first, so that untouched fields show.
+  BiosImageQueryRecord StartAndQuery(EFI_STATUS Expected = EFI_SUCCESS) {
+    Start();
+    return QueryAgain(mBiosImageInterface, Expected);
+  }
+  BiosImageQueryRecord QueryAgain(BiosImageInterfaceProtocol *Table, EFI_STATUS Expected = EFI_SUCCESS) {
+    BiosImageQueryRecord Record;
+    memset(&Record, kUnwritten, sizeof(Record));
+    EXPECT_EQ(Query(Table, Record), Expected);
+    return Record;
+  }
   void PutFlash(UINT64 Address, const void *Data, UINT32 Length) {
     Platform->Flash.Load(static_cast<UINT32>(Address - Platform->FlashBaseAddress), Data, Length);
   }
@@ -53,6 +60,23 @@ protected:
     const std::vector<UINT8> Record = BiosIdRecordBytes(Bytes);
     PutFlash(Address, Record.data(), static_cast<UINT32>(Record.size()));
   }
+  void PutHft(UINT8 Value) { Sim.SetVariable(u"HFT", gPlatformVariableGuid, 7, &Value, 1); }
+  void SetSkipLists(std::vector<PlatformSkipRange> Normal, std::vector<PlatformSkipRange> Always) {
+    Platform->FlashPlatform.SetNormalSkipRegions(Normal.data(), static_cast<UINT8>(Normal.size()));
+    Platform->FlashPlatform.SetAlwaysSkipRegions(Always.data(), static_cast<UINT8>(Always.size()));
+  }
+  // Count ranges of one page, 64 KiB apart, optionally followed by the list terminator.
+  static std::vector<PlatformSkipRange> Ranges(UINT32 First, size_t Count, bool Terminated) {
+    std::vector<PlatformSkipRange> List;
+    for (size_t Index = 0; Index < Count; Index++) {
+      List.push_back({First + static_cast<UINT32>(Index) * 0x10000, 0x1000});
+    }
+    if (Terminated) {
+      List.push_back(kSkipListTerminator);
+    }
+    return List;
+  }
+  size_t Calls(const char *Name) const { return Platform->CountCalls(Name); }
   std::vector<std::string> CallNames() const {
     std::vector<std::string> Names;
     for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
@@ -61,41 +85,37 @@ protected:
     return Names;
   }
   const SimVariable *Hca() const { return Sim.FindVariable(u"HCA", gPlatformVariableGuid); }
+  const SimVariable *Hft() const { return Sim.FindVariable(u"HFT", gPlatformVariableGuid); }
 };
 
 // ---- The reference scenario -------------------------------------------------------------
 
-TEST_F(ImageQuery, DefaultImageThroughTheFirstTableReports4KiBBlocks) {
+TEST_F(ImageQuery, DefaultImageThroughBothTablesByteForByte) {
   EnableTraces(true);
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  BiosImageQueryRecord First = StartAndQuery();
 
   std::vector<UINT8> Expected = {'Z', 'Q', '4', '2', 'A', kUnwritten, kUnwritten, kUnwritten};
   AppendLe(Expected, 0x1000, 4);  // BlockSize
   AppendLe(Expected, 0x1000, 2);  // BlockCount: 64 KiB x 256 in 4 KiB blocks
   Expected.push_back(0x01);       // DeviceAttribute
   Expected.push_back(3);          // CMOS journal, variable store, variable-store backup
-  const UINT32 Skips[][2] = {{0x0E6000, 0x2}, {0x14A000, 0x30}, {0x17C000, 0x32}};
-  for (const auto &Skip : Skips) {
-    AppendLe(Expected, Skip[0], 4);
-    AppendLe(Expected, Skip[1], 4);
+  for (const auto &[Start, Pages] : Regions{{0x0E6000, 0x2}, {0x14A000, 0x30}, {0x17C000, 0x32}}) {
+    AppendLe(Expected, Start, 4);
+    AppendLe(Expected, Pages, 4);
   }
   Expected.resize(sizeof(BiosImageQueryRecord), 0);
-  EXPECT_EQ(RecordBytes(Record), Expected);
+  EXPECT_EQ(RecordBytes(First), Expected);
 
   EXPECT_EQ(mFlashInfo.BlockSize, 0x1000u) << "later services see the 4 KiB blocks";
   EXPECT_EQ(mFlashInfo.BlockCount, 0x1000u);
-  EXPECT_EQ(std::vector<UINT8>(mBiosId, mBiosId + kBiosIdLength), (std::vector<UINT8>{'Z', 'Q', '4', '2', 'A'}));
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(mBiosId), kBiosIdLength), "ZQ42A");
   EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeNormal));
   EXPECT_FALSE(mEcUpdateDeferred);
   EXPECT_FALSE(mLowerFlashWritable);
   EXPECT_FALSE(mRecoveryBootUpdate);
-
-  const SimVariable *Queried = Hca();
-  ASSERT_NE(Queried, nullptr);
-  EXPECT_EQ(Queried->Attributes, 7u);
-  EXPECT_EQ(Queried->Data, std::vector<uint8_t>{2});
+  ASSERT_NE(Hca(), nullptr);
+  EXPECT_EQ(Hca()->Attributes, 7u);
+  EXPECT_EQ(Hca()->Data, std::vector<uint8_t>{2});
 
   EXPECT_EQ(CallNames(), (std::vector<std::string>{"BootBlockHandleMarker", "SetFlashAccessType", "ReadFlash",
                                                     "GetNormalSkipRegions", "GetAlwaysSkipRegions", "GetFlashInfo",
@@ -106,31 +126,22 @@ TEST_F(ImageQuery, DefaultImageThroughTheFirstTableReports4KiBBlocks) {
   EXPECT_EQ(Read[0].Arguments[3], 0x10000u);
   EXPECT_EQ(CallsNamed("SetFlashAccessType")[0].Arguments[0], 1u);
   EXPECT_EQ(Traces(), std::vector<std::string>{"  BiosImageInterfaceProtocol->BiosQueryImage Entry"});
-}
 
-TEST_F(ImageQuery, DefaultImageThroughTheSecondTableReportsThePlatformGeometry) {
-  Start();
-  BiosImageQueryRecord First = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, First), EFI_SUCCESS);
-  BiosImageQueryRecord Second = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface2, Second), EFI_SUCCESS);
-
-  std::vector<UINT8> Expected = RecordBytes(First);
+  // The second table reports the platform's own geometry, fetched anew.
   Expected[8] = 0x00, Expected[9] = 0x00, Expected[10] = 0x01, Expected[11] = 0x00;  // BlockSize 0x10000
   Expected[12] = 0x00, Expected[13] = 0x01;                                          // BlockCount 256
-  EXPECT_EQ(RecordBytes(Second), Expected);
-  EXPECT_EQ(mFlashInfo.BlockSize, 0x10000u) << "every query fetches the geometry anew";
+  EXPECT_EQ(RecordBytes(QueryAgain(mBiosImageInterface2)), Expected);
+  EXPECT_EQ(mFlashInfo.BlockSize, 0x10000u);
   EXPECT_EQ(mFlashInfo.BlockCount, 256u);
 }
 
 TEST_F(ImageQuery, FirstTableReblocksOtherGeometriesThroughTheProduct) {
   Platform->FlashPlatform.BlockSize = 0x20000;
   Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface2, Record), EFI_SUCCESS);
+  BiosImageQueryRecord Record = QueryAgain(mBiosImageInterface2);
   EXPECT_EQ(Record.BlockSize, 0x20000u);
   EXPECT_EQ(Record.BlockCount, 128u);
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  Record = QueryAgain(mBiosImageInterface);
   EXPECT_EQ(Record.BlockSize, 0x1000u);
   EXPECT_EQ(Record.BlockCount, 4096u);
 }
@@ -159,11 +170,9 @@ TEST_P(ImageQueryGate, ReturnsItsStatusBeforeTheBiosIdIsRead) {
   UpdateAuthorizedHob = Case.AuthorizedHob;
   Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, Case.BootBlockFeature ? 1 : 0);
   gConfig.UpdateHobsRequired = Case.HobsRequired ? TRUE : FALSE;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  EXPECT_EQ(Query(mBiosImageInterface, Record), Case.Expected);
+  BiosImageQueryRecord Record = StartAndQuery(Case.Expected);
   if (Case.Expected != EFI_SUCCESS) {
-    EXPECT_EQ(Platform->CountCalls("ReadFlash"), 0u);
+    EXPECT_EQ(Calls("ReadFlash"), 0u);
     EXPECT_EQ(Hca(), nullptr);
     EXPECT_EQ(Record.BiosId[0], kUnwritten);
   }
@@ -183,51 +192,43 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(ImageQuery, BootBlockHobDefersTheEcUpdateWhenTheEcStateWordsAreSet) {
   Platform->Config->EcImageSize = 0x20000;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  StartAndQuery();
   EXPECT_TRUE(mEcUpdateDeferred);
   Platform->Config->EcImageSize = 0;
   Platform->Config->EcImageOffset = 0x100;
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  QueryAgain(mBiosImageInterface);
   EXPECT_TRUE(mEcUpdateDeferred);
   Platform->Config->EcImageOffset = 0;
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  QueryAgain(mBiosImageInterface);
   EXPECT_FALSE(mEcUpdateDeferred);
 }
 
-TEST_F(ImageQuery, WithoutTheBootBlockHobTheEcStateWordsAreNotConsulted) {
+// With the boot-block feature off, neither the EC state words nor the marker are consulted.
+TEST_F(ImageQuery, WithoutTheBootBlockFeatureNoDeferralAndNoMarker) {
   Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, 0);
   BootBlockUpdateHob = false;
   Platform->Config->EcImageSize = 0x20000;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  StartAndQuery();
   EXPECT_FALSE(mEcUpdateDeferred);
+  EXPECT_EQ(Calls("BootBlockHandleMarker"), 0u);
 }
 
 // ---- Boot-block marker ------------------------------------------------------------------
 
 struct MarkerCase {
   const char *Name;
-  std::vector<UINT8> HeadBytes;     // written over the volume's first bytes
+  std::string HeadBytes;            // written over the volume's first bytes
   bool ClearFileSystemGuid;
   bool ClearSignature;
   const EFI_GUID *FileSystem;       // replaces the file-system GUID when set
   size_t HandlerCalls;
 };
 
-std::vector<UINT8> Text(const char *Characters, size_t Length) {
-  return std::vector<UINT8>(Characters, Characters + Length);
-}
-
 class ImageQueryBootBlockMarker : public ImageQuery, public ::testing::WithParamInterface<MarkerCase> {};
 
 TEST_P(ImageQueryBootBlockMarker, CallsTheHandlerOnlyForAnUnmarkedVolume) {
   const MarkerCase &Case = GetParam();
-  if (!Case.HeadBytes.empty()) {
-    PutFlash(kBootBlockFvAddress, Case.HeadBytes.data(), static_cast<UINT32>(Case.HeadBytes.size()));
-  }
+  PutFlash(kBootBlockFvAddress, Case.HeadBytes.data(), static_cast<UINT32>(Case.HeadBytes.size()));
   const EFI_GUID Zero = {};
   if (Case.ClearFileSystemGuid || Case.FileSystem != nullptr) {
     PutFlash(kBootBlockFvAddress + offsetof(EFI_FIRMWARE_VOLUME_HEADER, FileSystemGuid),
@@ -237,40 +238,27 @@ TEST_P(ImageQueryBootBlockMarker, CallsTheHandlerOnlyForAnUnmarkedVolume) {
     const UINT32 None = 0;
     PutFlash(kBootBlockFvAddress + offsetof(EFI_FIRMWARE_VOLUME_HEADER, Signature), &None, sizeof(None));
   }
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
-  EXPECT_EQ(Platform->CountCalls("BootBlockHandleMarker"), Case.HandlerCalls);
+  StartAndQuery();
+  EXPECT_EQ(Calls("BootBlockHandleMarker"), Case.HandlerCalls);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Markers, ImageQueryBootBlockMarker,
     ::testing::Values(
-        MarkerCase{"UnmarkedVolume", {}, false, false, nullptr, 1},
-        MarkerCase{"BeforeOkMarker", Text("ZQ BB BFR OK", 13), false, false, nullptr, 0},
-        MarkerCase{"FailMarker", Text("ZQ BB FAIL", 11), false, false, nullptr, 0},
-        MarkerCase{"FailMarkerFollowedByAnotherByte", Text("ZQ BB FAILX", 11), false, false, nullptr, 1},
-        MarkerCase{"OkMarkerFollowedByAnotherByte", Text("ZQ BB BFR OK!", 13), false, false, nullptr, 1},
-        MarkerCase{"SignatureWithoutAFileSystemGuid", {}, true, false, nullptr, 1},
-        MarkerCase{"Ffs3GuidWithoutTheSignature", {}, false, true, &gEfiFirmwareFileSystem3Guid, 1},
-        MarkerCase{"NoVolume", {}, true, true, nullptr, 0}),
+        MarkerCase{"UnmarkedVolume", "", false, false, nullptr, 1},
+        MarkerCase{"BeforeOkMarker", std::string("ZQ BB BFR OK", 13), false, false, nullptr, 0},
+        MarkerCase{"FailMarker", std::string("ZQ BB FAIL", 11), false, false, nullptr, 0},
+        MarkerCase{"FailMarkerFollowedByAnotherByte", "ZQ BB FAILX", false, false, nullptr, 1},
+        MarkerCase{"OkMarkerFollowedByAnotherByte", "ZQ BB BFR OK!", false, false, nullptr, 1},
+        MarkerCase{"SignatureWithoutAFileSystemGuid", "", true, false, nullptr, 1},
+        MarkerCase{"Ffs3GuidWithoutTheSignature", "", false, true, &gEfiFirmwareFileSystem3Guid, 1},
+        MarkerCase{"NoVolume", "", true, true, nullptr, 0}),
     [](const auto &Info) { return std::string(Info.param.Name); });
-
-TEST_F(ImageQuery, BootBlockMarkerIsNotExaminedWhenTheFeatureIsOff) {
-  Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, 0);
-  BootBlockUpdateHob = false;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
-  EXPECT_EQ(Platform->CountCalls("BootBlockHandleMarker"), 0u);
-}
 
 TEST_F(ImageQuery, BootBlockAddressOutsideTheMappedFlashHoldsNoVolume) {
   Platform->Config->BootBlockFvAddress = 0x1000;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
-  EXPECT_EQ(Platform->CountCalls("BootBlockHandleMarker"), 0u);
+  StartAndQuery();
+  EXPECT_EQ(Calls("BootBlockHandleMarker"), 0u);
 }
 
 // ---- BIOS ID ----------------------------------------------------------------------------
@@ -278,9 +266,7 @@ TEST_F(ImageQuery, BootBlockAddressOutsideTheMappedFlashHoldsNoVolume) {
 TEST_F(ImageQuery, BiosIdNearestTheEndOfTheAreaWins) {
   PutBiosId(kBiosIdAreaAddress + 0x100, "OLDER");
   PutBiosId(kBiosIdAreaAddress + 0xFFF0, "LATER");
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  BiosImageQueryRecord Record = StartAndQuery();
   EXPECT_EQ(std::string(reinterpret_cast<char *>(Record.BiosId), kBiosIdLength), "LATER");
   EXPECT_EQ(std::string(reinterpret_cast<char *>(mBiosId), kBiosIdLength), "LATER");
 }
@@ -288,155 +274,108 @@ TEST_F(ImageQuery, BiosIdNearestTheEndOfTheAreaWins) {
 TEST_F(ImageQuery, MissingBiosIdIsNotFoundAndStopsTheQuery) {
   const UINT32 Erased = 0xFFFFFFFF;
   PutFlash(kBiosIdAreaAddress + 0xF830, &Erased, sizeof(Erased));  // where the image put "$BID"
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  EXPECT_EQ(Query(mBiosImageInterface, Record), EFI_NOT_FOUND);
+  BiosImageQueryRecord Record = StartAndQuery(EFI_NOT_FOUND);
   EXPECT_EQ(Hca(), nullptr);
-  EXPECT_EQ(Platform->CountCalls("GetFlashInfo"), 0u);
+  EXPECT_EQ(Calls("GetFlashInfo"), 0u);
   EXPECT_EQ(Record.BiosId[0], kUnwritten);
 }
 
 TEST_F(ImageQuery, FailedBiosIdReadFindsNothingStale) {
   Platform->Config->BiosIdAreaAddress = 0x1000;  // not on the chip: the platform's read fails
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  EXPECT_EQ(Query(mBiosImageInterface, Record), EFI_NOT_FOUND);
-  EXPECT_EQ(CallsNamed("ReadFlash").size(), 1u);
+  StartAndQuery(EFI_NOT_FOUND);
+  EXPECT_EQ(Calls("ReadFlash"), 1u);
 }
 
 TEST_F(ImageQuery, EmptyBiosIdAreaIsNotFoundWithoutARead) {
   Platform->Config->BiosIdAreaSize = 0;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  EXPECT_EQ(Query(mBiosImageInterface, Record), EFI_NOT_FOUND);
-  EXPECT_EQ(Platform->CountCalls("ReadFlash"), 0u);
+  StartAndQuery(EFI_NOT_FOUND);
+  EXPECT_EQ(Calls("ReadFlash"), 0u);
 }
 
 TEST_F(ImageQuery, RegionTrackedLayoutReadsTheConfiguredAreaWhileThePspDirectoryIsIntact) {
   Platform->Config->Flags = kPlatformConfigAlternativeFlag;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  StartAndQuery();
   EXPECT_EQ(CallsNamed("ReadFlash")[0].Arguments[2], kBiosIdAreaAddress);
 }
 
 // ---- Skip regions and update modes ------------------------------------------------------
 
-class ImageQuerySkipRegions : public ImageQuery {
-protected:
-  void SetLists(std::vector<PlatformSkipRange> Normal, std::vector<PlatformSkipRange> Always) {
-    Platform->FlashPlatform.SetNormalSkipRegions(Normal.data(), static_cast<UINT8>(Normal.size()));
-    Platform->FlashPlatform.SetAlwaysSkipRegions(Always.data(), static_cast<UINT8>(Always.size()));
-  }
-  static std::vector<PlatformSkipRange> Ranges(UINT32 First, size_t Count, bool Terminated) {
-    std::vector<PlatformSkipRange> List;
-    for (size_t Index = 0; Index < Count; Index++) {
-      List.push_back({First + static_cast<UINT32>(Index) * 0x10000, 0x1000});
-    }
-    if (Terminated) {
-      List.push_back(kSkipListTerminator);
-    }
-    return List;
-  }
-};
-
-TEST_F(ImageQuerySkipRegions, SixAndFiveTerminatedListsFailThoughOnlyNineAreReal) {
-  SetLists(Ranges(0x100000, 5, true), Ranges(0x800000, 4, true));
+TEST_F(ImageQuery, SixAndFiveTerminatedListsFailThoughOnlyNineAreReal) {
+  SetSkipLists(Ranges(0x100000, 5, true), Ranges(0x800000, 4, true));
   EnableTraces(true);
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  EXPECT_EQ(Query(mBiosImageInterface, Record), EFI_NOT_FOUND);
+  BiosImageQueryRecord Record = StartAndQuery(EFI_NOT_FOUND);
   EXPECT_EQ(Traces().back(), "  SkipProtectRegion is 11, greater than 10.");
   EXPECT_EQ(Record.BlockSize, 0xCCCCCCCCu) << "the record's geometry is not filled";
   EXPECT_EQ(Record.SkipRegionCount, kUnwritten);
-  EXPECT_EQ(Platform->CountCalls("QueryNotify"), 0u);
+  EXPECT_EQ(Calls("QueryNotify"), 0u);
 }
 
-TEST_F(ImageQuerySkipRegions, FiveAndFiveTerminatedListsReportTheEightRealOnes) {
-  SetLists(Ranges(0x100000, 4, true), Ranges(0x800000, 4, true));
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+TEST_F(ImageQuery, FiveAndFiveTerminatedListsReportTheEightRealOnes) {
+  SetSkipLists(Ranges(0x100000, 4, true), Ranges(0x800000, 4, true));
+  BiosImageQueryRecord Record = StartAndQuery();
   EXPECT_EQ(Record.SkipRegionCount, 8u);
-  EXPECT_EQ(Regions(Record).front(), (std::pair<UINT32, UINT32>{0x100000, 1}));
-  EXPECT_EQ(Regions(Record).back(), (std::pair<UINT32, UINT32>{0x830000, 1}));
+  EXPECT_EQ(ReportedRegions(Record).front(), (std::pair<UINT32, UINT32>{0x100000, 1}));
+  EXPECT_EQ(ReportedRegions(Record).back(), (std::pair<UINT32, UINT32>{0x830000, 1}));
   EXPECT_EQ(Record.SkipRegions[8].Start, 0u);
   EXPECT_EQ(Record.SkipRegions[9].Pages, 0u);
 }
 
-TEST_F(ImageQuerySkipRegions, TenRealRegionsAreAllReportedInOrder) {
-  SetLists(Ranges(0x900000, 6, false), Ranges(0x100000, 4, false));
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+TEST_F(ImageQuery, TenRealRegionsAreAllReportedInOrder) {
+  SetSkipLists(Ranges(0x900000, 6, false), Ranges(0x100000, 4, false));
+  BiosImageQueryRecord Record = StartAndQuery();
   ASSERT_EQ(Record.SkipRegionCount, 10u);
   for (UINT8 Index = 1; Index < 10; Index++) {
     EXPECT_LT(Record.SkipRegions[Index - 1].Start, Record.SkipRegions[Index].Start);
   }
 }
 
-TEST_F(ImageQuerySkipRegions, LengthsBecomeWholePagesAndEqualStartsFollowTheExchangeSort) {
-  SetLists({{0x3000, 0x1000}, {0x5000, 0x3000}, {0x1000, 0x1FFF}}, {{0x5000, 0x2000}});
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+TEST_F(ImageQuery, LengthsBecomeWholePagesAndEqualStartsFollowTheExchangeSort) {
+  SetSkipLists({{0x3000, 0x1000}, {0x5000, 0x3000}, {0x1000, 0x1FFF}}, {{0x5000, 0x2000}});
   // Collected as always-list first: {5000,2} {3000,1} {5000,3} {1000,1}; the exchange sort
   // swaps only on a greater start, which moves the two 0x5000 entries past each other.
-  EXPECT_EQ(Regions(Record),
-            (std::vector<std::pair<UINT32, UINT32>>{{0x1000, 1}, {0x3000, 1}, {0x5000, 3}, {0x5000, 2}}));
+  EXPECT_EQ(ReportedRegions(StartAndQuery()), (Regions{{0x1000, 1}, {0x3000, 1}, {0x5000, 3}, {0x5000, 2}}));
 }
 
-TEST_F(ImageQuerySkipRegions, HftVariableSelectsTheHftModeOnceAndDropsTheNormalList) {
-  const UINT8 Hft = 0x5A;
-  Sim.SetVariable(u"HFT", gPlatformVariableGuid, 7, &Hft, 1);
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+TEST_F(ImageQuery, HftVariableSelectsTheHftModeOnceAndDropsTheNormalList) {
+  PutHft(0x5A);
+  BiosImageQueryRecord Record = StartAndQuery();
   EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeHft));
   EXPECT_EQ(mHftValue, 0x5A);
-  EXPECT_EQ(Sim.FindVariable(u"HFT", gPlatformVariableGuid), nullptr) << "consumed";
-  EXPECT_EQ(Regions(Record), (std::vector<std::pair<UINT32, UINT32>>{{0x0E6000, 2}, {0x17C000, 0x32}}));
+  EXPECT_EQ(Hft(), nullptr) << "consumed";
+  EXPECT_EQ(ReportedRegions(Record), (Regions{{0x0E6000, 2}, {0x17C000, 0x32}}));
   EXPECT_FALSE(mRecoveryBootUpdate);
 
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  Record = QueryAgain(mBiosImageInterface);
   EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeNormal)) << "a second query finds no HFT";
   EXPECT_EQ(Record.SkipRegionCount, 3u);
 }
 
-TEST_F(ImageQuerySkipRegions, HftVariableThatCannotBeReadMeansANormalUpdate) {
-  const UINT8 Hft = 1;
-  Sim.SetVariable(u"HFT", gPlatformVariableGuid, 7, &Hft, 1);
+TEST_F(ImageQuery, HftVariableThatCannotBeReadMeansANormalUpdate) {
+  PutHft(1);
   Sim.FailGetVariable(u"HFT", EFI_DEVICE_ERROR);
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  StartAndQuery();
   EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeNormal));
-  EXPECT_NE(Sim.FindVariable(u"HFT", gPlatformVariableGuid), nullptr);
+  EXPECT_NE(Hft(), nullptr);
 }
 
-TEST_F(ImageQuerySkipRegions, RecoveryBootDropsTheNormalListAndStartsAtObb) {
-  const UINT8 Hft = 1;
-  Sim.SetVariable(u"HFT", gPlatformVariableGuid, 7, &Hft, 1);
+TEST_F(ImageQuery, RecoveryBootDropsTheNormalListAndStartsAtObb) {
+  PutHft(1);
   Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
-  SetLists(Ranges(0x100000, 9, false), {{0x200000, 0x4000}});
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  SetSkipLists(Ranges(0x100000, 9, false), {{0x200000, 0x4000}});
+  BiosImageQueryRecord Record = StartAndQuery();
   EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeRecovery));
-  EXPECT_EQ(Regions(Record), (std::vector<std::pair<UINT32, UINT32>>{{0x200000, 4}}));
+  EXPECT_EQ(ReportedRegions(Record), (Regions{{0x200000, 4}}));
   EXPECT_TRUE(mRecoveryBootUpdate);
   EXPECT_EQ(mFirstUpdateRegion, 8u);
-  EXPECT_NE(Sim.FindVariable(u"HFT", gPlatformVariableGuid), nullptr) << "HFT is not read in a recovery boot";
-  EXPECT_EQ(Platform->CountCalls("PostQuery"), 0u) << "no post-query call in a recovery boot";
-  EXPECT_EQ(Platform->CountCalls("QueryNotify"), 1u);
+  EXPECT_NE(Hft(), nullptr) << "HFT is not read in a recovery boot";
+  EXPECT_EQ(Calls("PostQuery"), 0u) << "no post-query call in a recovery boot";
+  EXPECT_EQ(Calls("QueryNotify"), 1u);
 }
 
-TEST_F(ImageQuerySkipRegions, FullRecoveryHobStartsARecoveryUpdateAtTheFirstRegion) {
+TEST_F(ImageQuery, FullRecoveryHobStartsARecoveryUpdateAtTheFirstRegion) {
   Hobs.Handoff()->BootMode = BOOT_IN_RECOVERY_MODE;
   FullRecoveryHob = true;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  StartAndQuery();
   EXPECT_EQ(mFirstUpdateRegion, 0u);
 }
 
@@ -445,11 +384,9 @@ TEST_F(ImageQuerySkipRegions, FullRecoveryHobStartsARecoveryUpdateAtTheFirstRegi
 TEST_F(ImageQuery, CapabilityBitsSelectTheNotificationAndThePostQueryCall) {
   Platform->FlashService->FlashCapabilities = 0x00;
   Platform->FlashPlatform.LowerFlashWritable = 1;
-  Start();
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
-  EXPECT_EQ(Platform->CountCalls("QueryNotify"), 0u);
-  EXPECT_EQ(Platform->CountCalls("PostQuery"), 0u);
+  StartAndQuery();
+  EXPECT_EQ(Calls("QueryNotify"), 0u);
+  EXPECT_EQ(Calls("PostQuery"), 0u);
   EXPECT_TRUE(mLowerFlashWritable) << "the lower-flash permission is asked whatever the capabilities";
 }
 
@@ -459,10 +396,9 @@ TEST_F(ImageQuery, MissingHelperProtocolsAreSkippedAndTheLowerFlashFlagKeepsItsV
   Install.PostQuery = FALSE;
   Start();
   mLowerFlashWritable = TRUE;
-  BiosImageQueryRecord Record = FreshRecord();
-  ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  QueryAgain(mBiosImageInterface);
   EXPECT_TRUE(mLowerFlashWritable);
-  EXPECT_EQ(Platform->CountCalls("IsLowerFlashWritable"), 0u);
+  EXPECT_EQ(Calls("IsLowerFlashWritable"), 0u);
 }
 
 }  // namespace

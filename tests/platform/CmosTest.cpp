@@ -15,27 +15,39 @@ constexpr UINT32 kJournal = 0xFF0E6000;
 constexpr UINT32 kHalf = 0x1000;
 constexpr UINT32 kQuarter = 0x800;
 
+using PortWrites = std::vector<std::pair<UINT16, UINT32>>;
+
 class CmosAccess : public PlatformFixture {
 protected:
   void SetUp() override {
-    PrepareBoot();
     ASSERT_EQ(StartDriver(), EFI_SUCCESS);
     Platform->ClearPortLog();
     Platform->ClearCalls();
     Platform->InterruptDisableCount = 0;
   }
 
-  std::vector<EmuPortAccess> Writes() const {
-    std::vector<EmuPortAccess> Result;
+  // Port and value of every write since the last clear, in order.
+  PortWrites Writes() const {
+    PortWrites Result;
     for (UINTN Index = 0; Index < Platform->PortLogCount; Index++) {
       if (Platform->PortLog[Index].Write) {
-        Result.push_back(Platform->PortLog[Index]);
+        Result.emplace_back(Platform->PortLog[Index].Port, Platform->PortLog[Index].Value);
       }
     }
     return Result;
   }
+  std::vector<std::string> CallNames() const {
+    std::vector<std::string> Names;
+    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
+      Names.push_back(Platform->Calls[Index].Name);
+    }
+    return Names;
+  }
 
   UINT8 *FlashAt(UINT32 Address) { return Platform->Flash.Bytes() + (Address - Platform->FlashBaseAddress); }
+  void NameImage(UINT32 Address) {
+    Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
+  }
 
   // A mirror image in memory below 4 GiB, named by the Q42CmosToRom variable.
   UINT8 *PublishImage(bool ValidBank1 = true) {
@@ -46,8 +58,7 @@ protected:
     UINT16 Checksum = CmosImageChecksum(Image, 1);
     Image[kBank1ChecksumOffset] = static_cast<UINT8>(ValidBank1 ? Checksum : Checksum + 1);
     Image[kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
-    UINT32 Address = static_cast<UINT32>(reinterpret_cast<UINTN>(Image));
-    Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
+    NameImage(static_cast<UINT32>(reinterpret_cast<UINTN>(Image)));
     return Image;
   }
 };
@@ -56,19 +67,16 @@ TEST_F(CmosAccess, StandardBankKeepsTheNmiMaskAsFound) {
   Platform->CmosIndexRegister = 0x80;
   Platform->Cmos[0x0E] = 0x5A;
   EXPECT_EQ(ReadCmos(0x0E), 0x5A);
-  ASSERT_EQ(Writes().size(), 1u);
-  EXPECT_EQ(Writes()[0].Port, 0x70);
-  EXPECT_EQ(Writes()[0].Value, 0x8Eu);
+  EXPECT_EQ(Writes(), (PortWrites{{0x70, 0x8E}}));
 
   Platform->ClearPortLog();
   Platform->CmosIndexRegister = 0x00;
   WriteCmos(0x0F, 0x11);
-  ASSERT_EQ(Writes().size(), 2u);
-  EXPECT_EQ(Writes()[0].Value, 0x0Fu) << "NMI mask stays clear";
+  EXPECT_EQ(Writes(), (PortWrites{{0x70, 0x0F}, {0x71, 0x11}})) << "NMI mask stays clear";
   EXPECT_EQ(Platform->Cmos[0x0F], 0x11);
 }
 
-TEST_F(CmosAccess, PortAccessesMaskInterruptsAndRestoreTheFlagAsFound) {
+TEST_F(CmosAccess, PortAccessesMaskInterruptsAndRestoreTheFlagAsFoundOutsideSmm) {
   Platform->Flags = 0x202;
   ReadExtendedCmos(0x10);
   EXPECT_EQ(Platform->InterruptDisableCount, 1u);
@@ -78,14 +86,12 @@ TEST_F(CmosAccess, PortAccessesMaskInterruptsAndRestoreTheFlagAsFound) {
   WriteCmosPort(0x72, 0x73, 0x10, 1);
   EXPECT_EQ(Platform->InterruptDisableCount, 2u);
   EXPECT_EQ(Platform->Flags & 0x200, 0u) << "interrupts stay off when they were off";
-}
 
-TEST_F(CmosAccess, InSmmNothingIsToggled) {
   ResetSmmStateForTest();
   Sim.InstallSmmBase2(TRUE);
   Platform->Flags = 0x202;
   ReadExtendedCmos(0x10);
-  EXPECT_EQ(Platform->InterruptDisableCount, 0u);
+  EXPECT_EQ(Platform->InterruptDisableCount, 2u) << "in SMM nothing is toggled";
 }
 
 TEST_F(CmosAccess, ExtendedBankProbeLeavesItsTestValues) {
@@ -135,7 +141,7 @@ TEST_F(CmosAccess, LiveChecksumReadsTheBanks) {
   EXPECT_FALSE(IsCmosLiveChecksumValid(2));
 }
 
-TEST_F(CmosAccess, MirroredWriteUpdatesImageCmosAndJournal) {
+TEST_F(CmosAccess, MirroredWriteUpdatesImageCmosAndJournalUnlessTheValueIsThere) {
   UINT8 *Image = PublishImage();
   UINT16 Before = CmosImageChecksum(Image, 1);
   EXPECT_EQ(ReadCmosToRom(0xFA), 7);
@@ -148,25 +154,17 @@ TEST_F(CmosAccess, MirroredWriteUpdatesImageCmosAndJournal) {
   EXPECT_EQ(Platform->ExtendedCmos[0xFA], 9);
   EXPECT_EQ(Platform->ExtendedCmos[0xC2], static_cast<UINT8>(After));
   EXPECT_EQ(Platform->ExtendedCmos[0xC3], static_cast<UINT8>(After >> 8));
-  std::vector<std::pair<UINT16, UINT32>> Expected = {{0x72, 0xFA}, {0x73, 9},    {0x72, 0xC2},
-                                                      {0x73, After & 0xFFu}, {0x72, 0xC3}, {0x73, After >> 8u}};
-  auto PortWrites = Writes();
-  ASSERT_EQ(PortWrites.size(), Expected.size());
-  for (size_t Index = 0; Index < Expected.size(); Index++) {
-    EXPECT_EQ(PortWrites[Index].Port, Expected[Index].first);
-    EXPECT_EQ(PortWrites[Index].Value, Expected[Index].second);
-  }
-
+  EXPECT_EQ(Writes(), (PortWrites{{0x72, 0xFA}, {0x73, 9}, {0x72, 0xC2}, {0x73, After & 0xFFu}, {0x72, 0xC3},
+                                  {0x73, After >> 8u}}));
   const UINT8 Record[] = {0xFA, 9, 0xC2, static_cast<UINT8>(After), 0xC3, static_cast<UINT8>(After >> 8)};
   EXPECT_EQ(std::memcmp(FlashAt(kJournal + kQuarter), Record, sizeof(Record)), 0);
-  EXPECT_EQ(Platform->CountCalls("FlashDeviceWrite"), 1u);
+  EXPECT_EQ(CallNames(), std::vector<std::string>{"FlashDeviceWrite"});
   EXPECT_EQ(ReadCmosToRom(0xFA), 9);
-}
 
-TEST_F(CmosAccess, WritingTheValueAlreadyMirroredTouchesNothing) {
-  PublishImage();
+  Platform->ClearPortLog();
+  Platform->ClearCalls();
   WriteCmosToRom(0xEE, 0x30);
-  EXPECT_TRUE(Writes().empty());
+  EXPECT_TRUE(Writes().empty()) << "the value already mirrored touches nothing";
   EXPECT_EQ(Platform->CallCount, 0u);
 }
 
@@ -176,8 +174,7 @@ TEST_F(CmosAccess, ImageWithBadChecksumOrNoImageStopsEverything) {
   WriteCmosToRom(0xFA, 9);
   EXPECT_EQ(Image[256 + 0xFA], 7);
 
-  UINT32 None = 0;
-  Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &None, 4);
+  NameImage(0);
   WriteCmosToRom(0xFA, 9);
   EXPECT_TRUE(Writes().empty());
   EXPECT_EQ(Platform->CallCount, 0u);
@@ -197,7 +194,7 @@ protected:
   size_t ImageOffset = 0;
 };
 
-TEST_F(CmosMirrorFromHob, UnreadableVariableFallsBackToTheHobImage) {
+TEST_F(CmosMirrorFromHob, UnreadableVariableFallsBackToTheHobImageAReadableOneWins) {
   UINT8 *HobImage = Hobs.Data() + ImageOffset;
   EXPECT_EQ(ReadCmosToRom(0xF9), 4);
   WriteCmosToRom(0xF9, 1);
@@ -205,11 +202,8 @@ TEST_F(CmosMirrorFromHob, UnreadableVariableFallsBackToTheHobImage) {
   EXPECT_TRUE(IsCmosImageChecksumValid(HobImage, 1));
   EXPECT_EQ(Platform->ExtendedCmos[0xF9], 1);
   EXPECT_EQ(Platform->CountCalls("FlashDeviceWrite"), 1u);
-}
 
-TEST_F(CmosMirrorFromHob, ReadableVariableWinsOverTheHob) {
-  UINT32 None = 0;
-  Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &None, 4);
+  NameImage(0);
   EXPECT_EQ(ReadCmosToRom(0xF9), 0) << "the variable names no image, so the HOB is not consulted";
 }
 
@@ -228,6 +222,11 @@ TEST_F(CmosAccess, FullJournalAreaDropsTheRecordButStillUpdatesCmos) {
   AppendCmosJournal(0xF7, 3, nullptr);
   EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[0], 0xF7);
   EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[1], 3);
+
+  Platform->ClearCalls();
+  gConfig.CmosJournalBase = 0;  // no journal base means no journal
+  AppendCmosJournal(0xF6, 3, nullptr);
+  EXPECT_EQ(Platform->CallCount, 0u);
 }
 
 TEST_F(CmosAccess, ActiveSecondHalfIsMovedBackBeforeAppending) {
@@ -246,23 +245,13 @@ TEST_F(CmosAccess, ActiveSecondHalfIsMovedBackBeforeAppending) {
   EXPECT_EQ(std::memcmp(FlashAt(kJournal), &gCmosJournalSignatureGuid, sizeof(EFI_GUID)), 0);
   const UINT8 Expected[] = {0xE0, 0x01, 0xFB, 0x02, 0xC2, 0x34, 0xC3, 0x12};
   EXPECT_EQ(std::memcmp(FlashAt(kJournal + kQuarter), Expected, sizeof(Expected)), 0);
-  for (UINT32 Offset = 0; Offset < kHalf; Offset++) {
-    ASSERT_EQ(FlashAt(kJournal + kHalf)[Offset], 0xFF) << "second half erased at " << Offset;
-  }
-  EXPECT_STREQ(Platform->Calls[0].Name, "FlashDeviceErase");
+  EXPECT_EQ(std::vector<UINT8>(FlashAt(kJournal + kHalf), FlashAt(kJournal + 2 * kHalf)),
+            std::vector<UINT8>(kHalf, 0xFF)) << "second half erased";
+  EXPECT_EQ(CallNames(),
+            (std::vector<std::string>{"FlashDeviceErase", "FlashDeviceWrite", "FlashDeviceErase", "FlashDeviceWrite"}));
   EXPECT_EQ(Platform->Calls[0].Arguments[0], kJournal);
-  EXPECT_STREQ(Platform->Calls[1].Name, "FlashDeviceWrite");
-  EXPECT_STREQ(Platform->Calls[2].Name, "FlashDeviceErase");
   EXPECT_EQ(Platform->Calls[2].Arguments[0], kJournal + kHalf);
-  EXPECT_STREQ(Platform->Calls[3].Name, "FlashDeviceWrite");
   EXPECT_EQ(Platform->ElapsedMicroseconds, 4 * 50u) << "a 50 us wait after each flash operation";
-}
-
-TEST_F(CmosAccess, NoJournalBaseMeansNoJournal) {
-  gConfig.CmosJournalBase = 0;
-  UINT16 Checksum = 1;
-  AppendCmosJournal(0xFB, 2, &Checksum);
-  EXPECT_EQ(Platform->CallCount, 0u);
 }
 
 }  // namespace

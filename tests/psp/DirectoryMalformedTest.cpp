@@ -3,7 +3,6 @@
 // directory buffers (AddressSanitizer watches the pool buffers; the flash windows refuse
 // ranges outside the chip).
 #include <cctype>
-#include <functional>
 
 #include "../../src/base/BaseLib.h"
 #include "../../src/driver/Config.h"
@@ -22,22 +21,6 @@ constexpr uint32_t kPspL2At = 0xF84000, kPspL2 = 0xFFF84000;
 constexpr uint32_t kBiosL2At = 0xF86000, kBiosL2 = 0xFFF86000;
 constexpr uint64_t kApcbL1 = 0xFFF90000, kApcbL2 = 0xFFF91000;
 
-std::vector<PspEntry> Blobs(size_t Count) {
-  std::vector<PspEntry> Entries;
-  for (size_t Index = 0; Index < Count; Index++) {
-    Entries.push_back({static_cast<uint32_t>(0x01 + Index % 0x30), 0x100, 0xFFF8C000 + Index * 0x100});
-  }
-  return Entries;
-}
-
-std::vector<BiosEntry> Apcbs(size_t Count, uint64_t Source) {
-  std::vector<BiosEntry> Entries;
-  for (size_t Index = 0; Index < Count; Index++) {
-    Entries.push_back({0x60, 0x1000, Source + Index * 0x1000, 0});
-  }
-  return Entries;
-}
-
 // A header-only directory whose count says more than follows; the checksum covers what a
 // reader of a 1552-byte buffer would see.
 std::vector<uint8_t> WithCount(std::vector<uint8_t> Directory, uint32_t Count) {
@@ -47,30 +30,35 @@ std::vector<uint8_t> WithCount(std::vector<uint8_t> Directory, uint32_t Count) {
   return Directory;
 }
 
-// The sound A/B kind-2 tree the cases bend: EFS -> "$PSP" (0x48, 0x4A) -> headers ->
-// "$PL2" (0x02, 0x49) -> "$BL2" (0x60).
-void KindTwoTree(PspImageBuilder &B, uint32_t Level2 = kPspL2, uint64_t BiosLevel2 = kBiosL2) {
-  B.Put(kEfsAt, Efs({.PspDirectory = kLevel1}));
-  B.Put(kLevel1At, PspDirectory("$PSP", {{0x48, 32, kHeader}, {0x4A, 32, kHeader + 0x100}}));
-  B.Put(kHeaderAt, PspImage::AbHeaderKind2(1, Level2, 0xBC0D0400));
-  B.Put(kHeaderAt + 0x100, PspImage::AbHeaderKind2(1, Level2, 0xBC0D0400));
-  B.Put(kPspL2At, PspDirectory("$PL2", {{0x02, 0x100, 0xFFF8C000}, {0x49, 0x400, BiosLevel2}}));
-  B.Put(kBiosL2At, BiosDirectory("$BL2", Apcbs(1, kApcbL2)));
-}
+enum class Tree { KindTwo, Plain };
+using Patches = std::vector<std::pair<uint32_t, std::vector<uint8_t>>>;  // bytes put over the tree
 
-// The sound plain tree: EFS -> "$PSP" (0x01, 0x40 -> "$PL2") and "$BHD" (0x60, 0x70 -> "$BL2").
-void PlainTree(PspImageBuilder &B, uint64_t BiosLevel2 = kBiosL2, uint64_t PspLevel2 = kPspL2) {
-  B.Put(kEfsAt, Efs({.PspDirectory = kLevel1, .BiosPointerOffset = 0x28, .BiosDirectory = kBios}));
-  B.Put(kLevel1At, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}, {0x40, 0x400, PspLevel2}}));
-  B.Put(kPspL2At, PspDirectory("$PL2", {{0x02, 0x100, 0xFFF8C100}}));
-  B.Put(kBiosAt, BiosDirectory("$BHD", {{0x60, 0x1000, kApcbL1, 0}, {0x70, 0x400, BiosLevel2, 0}}));
+// KindTwo, the sound A/B kind-2 tree: EFS -> "$PSP" (0x48, 0x4A) -> headers naming Level2 ->
+// "$PL2" (0x02, 0x49 -> Level2Bios) -> "$BL2" (0x60).
+// Plain, the sound plain tree: EFS -> "$PSP" (0x01, 0x40 -> Level2Psp) and "$BHD" (0x60,
+// 0x70 -> Level2Bios) -> "$BL2" (0x60).
+void PutTree(PspImageBuilder &B, Tree Shape, uint64_t Level2, uint64_t Level2Bios, uint64_t Level2Psp) {
+  if (Shape == Tree::KindTwo) {
+    B.Put(kEfsAt, Efs({.PspDirectory = kLevel1}));
+    B.Put(kLevel1At, PspDirectory("$PSP", {{0x48, 32, kHeader}, {0x4A, 32, kHeader + 0x100}}));
+    B.Put(kHeaderAt, PspImage::AbHeaderKind2(1, static_cast<uint32_t>(Level2), 0xBC0D0400));
+    B.Put(kHeaderAt + 0x100, PspImage::AbHeaderKind2(1, static_cast<uint32_t>(Level2), 0xBC0D0400));
+    B.Put(kPspL2At, PspDirectory("$PL2", {{0x02, 0x100, 0xFFF8C000}, {0x49, 0x400, Level2Bios}}));
+  } else {
+    B.Put(kEfsAt, Efs({.PspDirectory = kLevel1, .BiosPointerOffset = 0x28, .BiosDirectory = kBios}));
+    B.Put(kLevel1At, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}, {0x40, 0x400, Level2Psp}}));
+    B.Put(kPspL2At, PspDirectory("$PL2", {{0x02, 0x100, 0xFFF8C100}}));
+    B.Put(kBiosAt, BiosDirectory("$BHD", {{0x60, 0x1000, kApcbL1, 0}, {0x70, 0x400, Level2Bios, 0}}));
+  }
   B.Put(kBiosL2At, BiosDirectory("$BL2", Apcbs(1, kApcbL2)));
 }
 
 struct MalformedCase {
   const char *What;
   UINT32 Signature;
-  std::function<void(PspImageBuilder &)> Build;
+  Tree Shape;
+  uint64_t Level2, Level2Bios, Level2Psp;  // as PutTree takes them
+  Patches Patch;
   bool BiosFound;
   UINT64 BiosSource;  // when found
   bool PspFound;      // entry 0x02
@@ -78,89 +66,51 @@ struct MalformedCase {
 
 void PrintTo(const MalformedCase &Case, std::ostream *Out) { *Out << Case.What; }
 
+std::vector<uint8_t> OtherSocHeader() { return PspImage::AbHeaderKind2(1, kPspL2, 0xBC0D0300); }
+
 const MalformedCase kCases[] = {
-    {"sound kind-2 tree (reference)", kSigRow3Kind2, [](PspImageBuilder &B) { KindTwoTree(B); }, true, kApcbL2,
+    {"sound kind-2 tree (reference)", kSigRow3Kind2, Tree::KindTwo, kPspL2, kBiosL2, kPspL2, {}, true, kApcbL2, true},
+    {"sound plain tree (reference)", kSigRow9Plain, Tree::Plain, kPspL2, kBiosL2, kPspL2, {}, true, kApcbL2, true},
+    {"$PSP count 97, one more entry than the buffer holds", kSigRow3Kind2, Tree::KindTwo, kPspL2, kBiosL2, kPspL2,
+     {{kLevel1At, PspDirectory("$PSP", Blobs(97))}}, false, 0, false},
+    {"$PSP count 0xFFFFFFFF", kSigRow3Kind2, Tree::KindTwo, kPspL2, kBiosL2, kPspL2,
+     {{kLevel1At, WithCount(PspDirectory("$PSP", Blobs(2)), 0xFFFFFFFF)}}, false, 0, false},
+    {"A/B header: level 2 outside every window", kSigRow3Kind2, Tree::KindTwo, 0x80000000, kBiosL2, kPspL2, {},
+     false, 0, false},
+    {"A/B header: level 2 is the level-1 directory", kSigRow3Kind2, Tree::KindTwo, kLevel1, kBiosL2, kPspL2, {},
+     false, 0, false},
+    {"A/B header: level 2 too close to 4 GiB for a whole directory", kSigRow3Kind2, Tree::KindTwo, 0xFFFFFA00,
+     kBiosL2, kPspL2, {}, false, 0, false},
+    {"A/B header: level 2 at the end of the flash offsets", kSigRow3Kind2, Tree::KindTwo, 0x03FFFFF0, kBiosL2,
+     kPspL2, {}, false, 0, false},
+    {"$PL2 entry 0x49 points at the $PL2 itself", kSigRow3Kind2, Tree::KindTwo, kPspL2, kPspL2, kPspL2, {}, false, 0,
      true},
-    {"sound plain tree (reference)", kSigRow9Plain, [](PspImageBuilder &B) { PlainTree(B); }, true, kApcbL2, true},
-    {"$PSP count 97, one more entry than the buffer holds", kSigRow3Kind2,
-     [](PspImageBuilder &B) {
-       KindTwoTree(B);
-       B.Put(kLevel1At, PspDirectory("$PSP", Blobs(97)));
-     },
-     false, 0, false},
-    {"$PSP count 0xFFFFFFFF", kSigRow3Kind2,
-     [](PspImageBuilder &B) {
-       KindTwoTree(B);
-       B.Put(kLevel1At, WithCount(PspDirectory("$PSP", Blobs(2)), 0xFFFFFFFF));
-     },
-     false, 0, false},
-    {"A/B header: level 2 outside every window", kSigRow3Kind2,
-     [](PspImageBuilder &B) { KindTwoTree(B, 0x80000000); }, false, 0, false},
-    {"A/B header: level 2 is the level-1 directory", kSigRow3Kind2,
-     [](PspImageBuilder &B) { KindTwoTree(B, kLevel1); }, false, 0, false},
-    {"A/B header: level 2 too close to 4 GiB for a whole directory", kSigRow3Kind2,
-     [](PspImageBuilder &B) { KindTwoTree(B, 0xFFFFFA00); }, false, 0, false},
-    {"A/B header: level 2 at the end of the flash offsets", kSigRow3Kind2,
-     [](PspImageBuilder &B) { KindTwoTree(B, 0x03FFFFF0); }, false, 0, false},
-    {"$PL2 entry 0x49 points at the $PL2 itself", kSigRow3Kind2,
-     [](PspImageBuilder &B) { KindTwoTree(B, kPspL2, kPspL2); }, false, 0, true},
-    {"$PL2 entry 0x49 points above 4 GiB", kSigRow3Kind2,
-     [](PspImageBuilder &B) { KindTwoTree(B, kPspL2, 0x1FFF86000ull); }, false, 0, true},
-    {"$BL2 count 65, beyond the buffer", kSigRow3Kind2,
-     [](PspImageBuilder &B) {
-       KindTwoTree(B);
-       B.Put(kBiosL2At, BiosDirectory("$BL2", Apcbs(65, kApcbL2)));
-     },
-     false, 0, true},
-    {"A/B pointer entry whose header read crosses 4 GiB", kSigRow3Kind2,
-     [](PspImageBuilder &B) {
-       KindTwoTree(B);
-       B.Put(kLevel1At, PspDirectory("$PSP", {{0x48, 32, 0xFFFFFFF0}, {0x4A, 32, kHeader + 0x100}}));
-     },
-     false, 0, false},
-    {"A/B headers all of another SoC", kSigRow3Kind2,
-     [](PspImageBuilder &B) {
-       KindTwoTree(B);
-       B.Put(kHeaderAt, PspImage::AbHeaderKind2(1, kPspL2, 0xBC0D0300));
-       B.Put(kHeaderAt + 0x100, PspImage::AbHeaderKind2(1, kPspL2, 0xBC0D0300));
-     },
-     false, 0, false},
-    {"EFS: $PSP above the flash offsets and below the window", kSigRow3Kind2,
-     [](PspImageBuilder &B) {
-       KindTwoTree(B);
-       B.Put(kEfsAt, Efs({.PspDirectory = 0x04000000}));
-     },
-     false, 0, false},
-    {"16-bit SoC given 8-bit A/B types", kSigRow22Sixteen, [](PspImageBuilder &B) { KindTwoTree(B); }, false, 0,
+    {"$PL2 entry 0x49 points above 4 GiB", kSigRow3Kind2, Tree::KindTwo, kPspL2, 0x1FFF86000ull, kPspL2, {}, false,
+     0, true},
+    {"$BL2 count 65, beyond the buffer", kSigRow3Kind2, Tree::KindTwo, kPspL2, kBiosL2, kPspL2,
+     {{kBiosL2At, BiosDirectory("$BL2", Apcbs(65, kApcbL2))}}, false, 0, true},
+    {"A/B pointer entry whose header read crosses 4 GiB", kSigRow3Kind2, Tree::KindTwo, kPspL2, kBiosL2, kPspL2,
+     {{kLevel1At, PspDirectory("$PSP", {{0x48, 32, 0xFFFFFFF0}, {0x4A, 32, kHeader + 0x100}})}}, false, 0, false},
+    {"A/B headers all of another SoC", kSigRow3Kind2, Tree::KindTwo, kPspL2, kBiosL2, kPspL2,
+     {{kHeaderAt, OtherSocHeader()}, {kHeaderAt + 0x100, OtherSocHeader()}}, false, 0, false},
+    {"EFS: $PSP above the flash offsets and below the window", kSigRow3Kind2, Tree::KindTwo, kPspL2, kBiosL2, kPspL2,
+     {{kEfsAt, Efs({.PspDirectory = 0x04000000})}}, false, 0, false},
+    {"16-bit SoC given 8-bit A/B types", kSigRow22Sixteen, Tree::KindTwo, kPspL2, kBiosL2, kPspL2, {}, false, 0,
      false},
-    {"2PSP count 0xFFFFFFFF without this SoC", kSigRow7Combo,
-     [](PspImageBuilder &B) {
-       PlainTree(B);
-       B.Put(kLevel1At, WithCount(ComboDirectory("2PSP", {{0xBC0A0100, kLevel1}}), 0xFFFFFFFF));
-     },
-     false, 0, false},
-    {"$BHD entry 0x70 points back at the $BHD", kSigRow9Plain, [](PspImageBuilder &B) { PlainTree(B, kBios); },
-     true, kApcbL1, true},
-    {"$BHD entry 0x70 points at the $BL2 of a $BL2 with its own 0x70", kSigRow9Plain,
-     [](PspImageBuilder &B) {
-       PlainTree(B);
-       B.Put(kBiosL2At, BiosDirectory("$BL2", {{0x70, 0x400, kBiosL2, 0}, {0x60, 0x1000, kApcbL2, 0}}));
-     },
-     true, kApcbL2, true},
-    {"$PSP entry 0x40 points at the $PSP", kSigRow9Plain,
-     [](PspImageBuilder &B) { PlainTree(B, kBiosL2, kLevel1); }, true, kApcbL2, false},
-    {"$BHD count 65, beyond the buffer", kSigRow9Plain,
-     [](PspImageBuilder &B) {
-       PlainTree(B);
-       B.Put(kBiosAt, BiosDirectory("$BHD", Apcbs(65, kApcbL1)));
-     },
-     false, 0, true},
-    {"$BHD location in the EFS at the end of the window", kSigRow9Plain,
-     [](PspImageBuilder &B) {
-       PlainTree(B);
-       B.Put(kEfsAt, Efs({.PspDirectory = kLevel1, .BiosPointerOffset = 0x28, .BiosDirectory = 0xFFFFFFFF}));
-     },
-     false, 0, true},
+    {"2PSP count 0xFFFFFFFF without this SoC", kSigRow7Combo, Tree::Plain, kPspL2, kBiosL2, kPspL2,
+     {{kLevel1At, WithCount(ComboDirectory("2PSP", {{0xBC0A0100, kLevel1}}), 0xFFFFFFFF)}}, false, 0, false},
+    {"$BHD entry 0x70 points back at the $BHD", kSigRow9Plain, Tree::Plain, kPspL2, kBios, kPspL2, {}, true, kApcbL1,
+     true},
+    {"$BHD entry 0x70 points at the $BL2 of a $BL2 with its own 0x70", kSigRow9Plain, Tree::Plain, kPspL2, kBiosL2,
+     kPspL2, {{kBiosL2At, BiosDirectory("$BL2", {{0x70, 0x400, kBiosL2, 0}, {0x60, 0x1000, kApcbL2, 0}})}}, true,
+     kApcbL2, true},
+    {"$PSP entry 0x40 points at the $PSP", kSigRow9Plain, Tree::Plain, kPspL2, kBiosL2, kLevel1, {}, true, kApcbL2,
+     false},
+    {"$BHD count 65, beyond the buffer", kSigRow9Plain, Tree::Plain, kPspL2, kBiosL2, kPspL2,
+     {{kBiosAt, BiosDirectory("$BHD", Apcbs(65, kApcbL1))}}, false, 0, true},
+    {"$BHD location in the EFS at the end of the window", kSigRow9Plain, Tree::Plain, kPspL2, kBiosL2, kPspL2,
+     {{kEfsAt, Efs({.PspDirectory = kLevel1, .BiosPointerOffset = 0x28, .BiosDirectory = 0xFFFFFFFF})}}, false, 0,
+     true},
 };
 
 class DirectoryMalformed : public PspFixture, public ::testing::WithParamInterface<MalformedCase> {};
@@ -169,7 +119,10 @@ TEST_P(DirectoryMalformed, LookupsEndWithoutLeavingTheirBuffers) {
   const MalformedCase &Case = GetParam();
   SelectSoc(Case.Signature);
   PspImageBuilder Builder;
-  Case.Build(Builder);
+  PutTree(Builder, Case.Shape, Case.Level2, Case.Level2Bios, Case.Level2Psp);
+  for (const auto &[At, Bytes] : Case.Patch) {
+    Builder.Put(At, Bytes);
+  }
   Place(Builder);
   for (bool Cached : {true, false}) {
     SCOPED_TRACE(Cached ? "caching" : "no caching");

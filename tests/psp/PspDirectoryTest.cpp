@@ -25,33 +25,15 @@ std::vector<PspEntry> Pointers(size_t Count) {
   return Entries;
 }
 
-std::vector<PspEntry> Blobs(size_t Count) {
-  std::vector<PspEntry> Entries;
-  for (size_t Index = 0; Index < Count; Index++) {
-    Entries.push_back({static_cast<uint32_t>(Index & 0x3F), 0x100, 0xFF200000 + Index * 0x100});
-  }
-  return Entries;
-}
-
-std::vector<BiosEntry> BiosItems(size_t Count) {
-  std::vector<BiosEntry> Entries;
-  for (size_t Index = 0; Index < Count; Index++) {
-    Entries.push_back({0x60, 0x1000, 0xFF300000 + Index * 0x1000, 0});
-  }
-  return Entries;
-}
-
 using PspChecksum = PspFixture;
 
-TEST_F(PspChecksum, KnownValues) {
+TEST_F(PspChecksum, KnownValuesAndTheBuildersSumsAcrossBlockBoundaries) {
   const UINT8 Abcde[] = {'a', 'b', 'c', 'd', 'e', 0};
   EXPECT_EQ(Fletcher32(Abcde, 3), 0xF04FC729u);
   EXPECT_EQ(Fletcher32(Abcde, 0), 0xFFFFFFFFu) << "no words: both sums stay 0xFFFF";
   const UINT8 Zeros[8] = {};
   EXPECT_EQ(Fletcher32(Zeros, 4), 0xFFFFFFFFu);
-}
 
-TEST_F(PspChecksum, AgreesWithTheBuilderAcrossBlockBoundaries) {
   std::mt19937 Random(7);
   for (size_t Words : {1u, 358u, 359u, 360u, 718u, 719u, 776u, 1000u}) {
     for (int Pattern = 0; Pattern < 3; Pattern++) {
@@ -66,13 +48,17 @@ TEST_F(PspChecksum, AgreesWithTheBuilderAcrossBlockBoundaries) {
 
 using PspDirectoryValidation = PspFixture;
 
-TEST_F(PspDirectoryValidation, EmptyDirectoryChecksumCoversCountAndReservedWord) {
+TEST_F(PspDirectoryValidation, EmptyDirectoriesValidateAndLargerThanTheBufferAreRefused) {
   Buffer Psp = Held(PspDirectory("$PSP", {}));
-  EXPECT_EQ(ReadUnaligned32(Psp.data() + 4), 0xFFFFFFFFu);
+  EXPECT_EQ(ReadUnaligned32(Psp.data() + 4), 0xFFFFFFFFu) << "the checksum covers count and reserved word";
   EXPECT_TRUE(ValidatePspDirectory(Psp.data(), kPspDirectoryCookie, TRUE));
   EXPECT_TRUE(ValidatePspDirectory(Psp.data(), kPspDirectoryCookie, FALSE));
-  Buffer Bios = Held(BiosDirectory("$BHD", {}));
-  EXPECT_TRUE(ValidateBiosDirectory(Bios.data(), kBiosDirectoryCookie));
+  EXPECT_TRUE(ValidateBiosDirectory(Held(BiosDirectory("$BHD", {})).data(), kBiosDirectoryCookie));
+
+  EXPECT_TRUE(ValidatePspDirectory(Held(PspDirectory("$PSP", Blobs(96))).data(), kPspDirectoryCookie, TRUE));
+  EXPECT_FALSE(ValidatePspDirectory(Held(PspDirectory("$PSP", Blobs(97))).data(), kPspDirectoryCookie, TRUE));
+  EXPECT_TRUE(ValidateBiosDirectory(Held(BiosDirectory("$BL2", Apcbs(64, 0xFF300000))).data(), kBiosLevel2Cookie));
+  EXPECT_FALSE(ValidateBiosDirectory(Held(BiosDirectory("$BL2", Apcbs(65, 0xFF300000))).data(), kBiosLevel2Cookie));
 }
 
 TEST_F(PspDirectoryValidation, PointerDirectoriesHoldAtMost32Entries) {
@@ -86,13 +72,6 @@ TEST_F(PspDirectoryValidation, PointerDirectoriesHoldAtMost32Entries) {
   Mixed.push_back({0x01, 0x100, 0xFF200000});
   Buffer Ordinary = Held(PspDirectory("$PSP", Mixed));
   EXPECT_TRUE(ValidatePspDirectory(Ordinary.data(), kPspDirectoryCookie, TRUE));
-}
-
-TEST_F(PspDirectoryValidation, DirectoriesLargerThanTheBufferAreRefused) {
-  EXPECT_TRUE(ValidatePspDirectory(Held(PspDirectory("$PSP", Blobs(96))).data(), kPspDirectoryCookie, TRUE));
-  EXPECT_FALSE(ValidatePspDirectory(Held(PspDirectory("$PSP", Blobs(97))).data(), kPspDirectoryCookie, TRUE));
-  EXPECT_TRUE(ValidateBiosDirectory(Held(BiosDirectory("$BL2", BiosItems(64))).data(), kBiosLevel2Cookie));
-  EXPECT_FALSE(ValidateBiosDirectory(Held(BiosDirectory("$BL2", BiosItems(65))).data(), kBiosLevel2Cookie));
 }
 
 TEST_F(PspDirectoryValidation, MalformedHeaders) {
@@ -132,7 +111,7 @@ TEST_F(PspDirectoryValidation, EverySingleBitFlipIsCaught) {
     Bad[Bit / 8] ^= static_cast<UINT8>(1u << (Bit % 8));
     EXPECT_FALSE(ValidatePspDirectory(Bad.data(), kPspDirectoryCookie, FALSE)) << "bit " << Bit;
   }
-  std::vector<uint8_t> Bios = BiosDirectory("$BHD", BiosItems(4));
+  std::vector<uint8_t> Bios = BiosDirectory("$BHD", Apcbs(4, 0xFF300000));
   for (size_t Bit = 0; Bit < Bios.size() * 8; Bit++) {
     Buffer Bad = Held(Bios);
     Bad[Bit / 8] ^= static_cast<UINT8>(1u << (Bit % 8));
@@ -142,15 +121,13 @@ TEST_F(PspDirectoryValidation, EverySingleBitFlipIsCaught) {
 
 using PspEntryTypes = PspFixture;
 
-TEST_F(PspEntryTypes, EightBitTypesCompareTheLowByte) {
+TEST_F(PspEntryTypes, EightBitTypesCompareTheLowByteSixteenBitTypesTheMappedType) {
   SelectSoc(kSigRow3Kind2);
   EXPECT_TRUE(EntryTypeMatches(0x00010048, 0x48));
   EXPECT_TRUE(EntryTypeMatches(0x148, 0x48));
   EXPECT_FALSE(EntryTypeMatches(0x13C, 0x48));
   EXPECT_TRUE(EntryTypeMatches(0x40, 0x40));
-}
 
-TEST_F(PspEntryTypes, SixteenBitTypesCompareTheMappedType) {
   SelectSoc(kSigRow22Sixteen);
   EXPECT_TRUE(EntryTypeMatches(0x13C, 0x48));
   EXPECT_TRUE(EntryTypeMatches(0x0001013D, 0x4A));

@@ -50,7 +50,7 @@ protected:
 
 using PspSmn = PspServices;
 
-TEST_F(PspSmn, ReadGoesThroughIndexAndDataAndRestoresTheIndex) {
+TEST_F(PspSmn, ReadGoesThroughIndexAndDataRestoresTheIndexAndSkipsRegistersBeyondTheSpace) {
   Platform->Soc.SetSmn(0x03810570, 0x12345678);
   Platform->Soc.SmnIndex = 0x00ABCDEF;
   UINT32 Value = 0;
@@ -58,29 +58,23 @@ TEST_F(PspSmn, ReadGoesThroughIndexAndDataAndRestoresTheIndex) {
   EXPECT_EQ(Value, 0x12345678u);
   EXPECT_EQ(Platform->Soc.SmnIndex, 0x00ABCDEFu);
   EXPECT_EQ(Platform->Soc.SmnDataReads, 1u);
-}
 
-TEST_F(PspSmn, RegistersBeyondTheConfiguredSpaceAreSkipped) {
   gConfig.PcdPciExpressBaseSize = 0xB8;  // the index register falls outside
-  Platform->Soc.SetSmn(0x03810570, 0x12345678);
-  UINT32 Value = 0;
+  const auto Accesses = Platform->Soc.PciAccesses;
   SmnRead(0x03810570, &Value);
   EXPECT_EQ(Value, 0xFFFFFFFFu);
-  EXPECT_EQ(Platform->Soc.PciAccesses, 0u);
+  EXPECT_EQ(Platform->Soc.PciAccesses, Accesses);
 }
 
 using PspRecovery = PspServices;
 
-TEST_F(PspRecovery, SwitchedOffReadsNothingAndPrintsNothing) {
+TEST_F(PspRecovery, Bit30OfTheRegisterTheSocSelectsWhenSwitchedOn) {
   InstallPrint();
   Platform->Soc.SetBootedFromRecovery(TRUE);
-  EXPECT_FALSE(PspRecoveryFlag());
+  EXPECT_FALSE(PspRecoveryFlag()) << "switched off";
   EXPECT_EQ(Platform->Soc.PciAccesses, 0u);
   EXPECT_EQ(Recording.Calls, 0);
-}
 
-TEST_F(PspRecovery, Bit30OfTheRegisterTheSocSelects) {
-  InstallPrint();
   gConfig.PcdPspRecoverySwitch = 1;
   Platform->Soc.SetSmn(0x03810570, 0x40000001);
   Platform->Soc.SetSmn(0x03810970, 0x00000002);
@@ -93,35 +87,31 @@ TEST_F(PspRecovery, Bit30OfTheRegisterTheSocSelects) {
   EXPECT_FALSE(PspRecoveryFlag());
   EXPECT_EQ(Recording.Text, "RecoveryFlag 2\n");
   EXPECT_TRUE(Assertions().empty());
-}
 
-TEST_F(PspRecovery, UnreadableRegisterIsReported) {
-  gConfig.PcdPspRecoverySwitch = 1;
-  Platform->Soc.SetSmn(0x03810570, 0xFFFFFFFF);
-  EXPECT_TRUE(PspRecoveryFlag());  // the value is still used
+  Platform->Soc.SetSmn(0x03810970, 0xFFFFFFFF);
+  EXPECT_TRUE(PspRecoveryFlag()) << "an unreadable register is reported, its value still used";
   EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22012088});
 }
 
 using PspAssertReporter = PspServices;
 
-TEST_F(PspAssertReporter, SilentUntilTheLibraryStartEnablesIt) {
+TEST_F(PspAssertReporter, SilentUntilTheDriverStartEnablesIt) {
   ResetPspStateForTest();
   AssertReport(0x22011152);
   EXPECT_EQ(Platform->PortLogCount, 0u);
-  AmdCfgPcdBufLibDxeConstructor(Sim.ImageHandle(), Sim.SystemTable());
-  AssertReport(0x22011152);
-  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22011152});
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(mPspAssertEnabled, 1);
 }
 
-TEST_F(PspAssertReporter, SimulatorAnswerReturnsAfterThePortWrites) {
+TEST_F(PspAssertReporter, ASimulatorAnswersTheEscapeHardwareCyclesTheCodeOnThePortDisplay) {
   AssertReport(0x22011152);
-  ASSERT_EQ(Platform->PortLogCount, 2u);
+  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22011152});
+  EXPECT_EQ(Platform->PortLogCount, 2u);
   EXPECT_EQ(Platform->Soc.EscapeCount, 1u);
   EXPECT_EQ(Platform->Soc.LastEscapeEbx, 2u);
   EXPECT_EQ(Platform->DeadLoopCount, 0u);
-}
 
-TEST_F(PspAssertReporter, HardwareStopsCyclingTheCodeOnThePortDisplay) {
+  Platform->ClearPortLog();
   Platform->Soc.AnswersSimulatorEscape = FALSE;
   AssertReport(0x22011152);
   EXPECT_EQ(Platform->DeadLoopCount, 1u);
@@ -136,30 +126,18 @@ TEST_F(PspAssertReporter, HardwareStopsCyclingTheCodeOnThePortDisplay) {
   EXPECT_EQ(Platform->ElapsedMicroseconds, 6u * 2500000u);
 }
 
-TEST_F(PspAssertReporter, DriverStartSwitchesTheReporterOn) {
-  ResetPspStateForTest();
-  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(mPspAssertEnabled, 1);
-}
-
 using PspDebugOutput = PspServices;
 
-TEST_F(PspDebugOutput, FailedLocateReturnsItsStatusAndIsRetried) {
+TEST_F(PspDebugOutput, FailedLocateIsRetriedAndTheInterfaceFoundIsKept) {
   EXPECT_EQ(PspDebugPrint(0x80000000, "x %d\n", 1), EFI_NOT_FOUND);
   InstallPrint();
   EXPECT_EQ(PspDebugPrint(0x40, "x %d %a\n", 7, "y"), EFI_SUCCESS);
-  EXPECT_EQ(Recording.Text, "x 7 y\n");
   EXPECT_EQ(Recording.LastLevel, 0x40u);
-}
-
-TEST_F(PspDebugOutput, TheInterfaceFoundFirstIsKept) {
-  InstallPrint();
-  EXPECT_EQ(PspDebugPrint(1, "a"), EFI_SUCCESS);
   ASSERT_EQ(gBS->UninstallProtocolInterface(PrintHandle, const_cast<EFI_GUID *>(&gPspDebugPrintProtocolGuid),
                                             &Recording.Protocol),
             EFI_SUCCESS);
   EXPECT_EQ(PspDebugPrint(1, "b"), EFI_SUCCESS);
-  EXPECT_EQ(Recording.Text, "ab");
+  EXPECT_EQ(Recording.Text, "x 7 y\nb");
 }
 
 using PspHeapBuffer = PspServices;
@@ -181,21 +159,16 @@ TEST_F(PspHeapBuffer, HandlesKeepTheirZeroFilledBuffers) {
   EXPECT_TRUE(Assertions().empty());
 }
 
-TEST_F(PspHeapBuffer, CreationFailureIsReported) {
+TEST_F(PspHeapBuffer, CreationFailureAndAFullStoreAreReported) {
   VOID *Buffer = nullptr;
   Sim.FailAllocationAfter(1);
-  EXPECT_FALSE(GetHeapBuffer(41020, 104, &Buffer));
+  EXPECT_FALSE(GetHeapBuffer(1, 104, &Buffer));
   EXPECT_EQ(Assertions(), std::vector<UINT32>{0x80426});
-  EXPECT_TRUE(GetHeapBuffer(41020, 104, &Buffer)) << "the next request creates it";
-}
-
-TEST_F(PspHeapBuffer, StoreIsFullAfterItsCapacity) {
-  VOID *Buffer = nullptr;
   for (UINT32 Handle = 1; Handle <= kHeapBufferCapacity; Handle++) {
-    ASSERT_TRUE(GetHeapBuffer(Handle, 8, &Buffer));
+    ASSERT_TRUE(GetHeapBuffer(Handle, 8, &Buffer)) << "the next request creates it";
   }
   EXPECT_FALSE(GetHeapBuffer(1000, 8, &Buffer));
-  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x80426});
+  EXPECT_EQ(Assertions(), (std::vector<UINT32>{0x80426, 0x80426}));
 }
 
 }  // namespace

@@ -33,6 +33,22 @@ inline std::array<UINT8, kDirectoryBufferSize> HeldDirectory(const std::vector<u
   return Out;
 }
 
+// Count ordinary PSP entries (types 0x01 up) and count APCB entries from Source, 4 KiB apart.
+inline std::vector<PspImage::PspEntry> Blobs(size_t Count) {
+  std::vector<PspImage::PspEntry> Entries;
+  for (size_t Index = 0; Index < Count; Index++) {
+    Entries.push_back({static_cast<uint32_t>(0x01 + Index % 0x30), 0x100, 0xFFF8C000 + Index * 0x100});
+  }
+  return Entries;
+}
+inline std::vector<PspImage::BiosEntry> Apcbs(size_t Count, uint64_t Source) {
+  std::vector<PspImage::BiosEntry> Entries;
+  for (size_t Index = 0; Index < Count; Index++) {
+    Entries.push_back({0x60, 0x1000, Source + Index * 0x1000, 0});
+  }
+  return Entries;
+}
+
 class PspFixture : public PlatformFixture {
 protected:
   void SetUp() override {

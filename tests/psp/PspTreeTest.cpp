@@ -83,14 +83,12 @@ TEST_P(PspTreeShapes, ApcbAndApobFoundWhereTheBuilderPutThem) {
                            AddressMode::SlotRelative}) {
     SCOPED_TRACE(::testing::Message() << "address mode " << static_cast<int>(Mode));
     ForgetBufferStore();
-    PspTreeOptions Options;
-    Options.Shape = Shape.Shape;
-    Options.PspId = Shape.PspId;
-    Options.BiosPointerOffset = Shape.BiosPointerOffset;
-    Options.SixteenBitTypes = Shape.SixteenBit;
-    Options.LocationsAsOffsets = Shape.LocationsAsOffsets;
-    Options.SourceMode = Mode;
-    PspImage::PspTree Tree = Use(Shape.Signature, Options);
+    PspImage::PspTree Tree = Use(Shape.Signature, {.Shape = Shape.Shape,
+                                                   .SixteenBitTypes = Shape.SixteenBit,
+                                                   .PspId = Shape.PspId,
+                                                   .BiosPointerOffset = Shape.BiosPointerOffset,
+                                                   .LocationsAsOffsets = Shape.LocationsAsOffsets,
+                                                   .SourceMode = Mode});
 
     for (UINT8 Type : {kTypeApcb, kTypeApcbBackup, kTypeApob}) {
       const PlacedBiosEntry *Expected = Tree.Find(Type);
@@ -115,25 +113,16 @@ INSTANTIATE_TEST_SUITE_P(EveryShape, PspTreeShapes, ::testing::ValuesIn(kShapes)
 
 using PspAbCopies = PspTree;
 
-TEST_F(PspAbCopies, RecoveryFlagSwitchedOffAlwaysTakesCopyA) {
+TEST_F(PspAbCopies, CopyBOnlyWhenTheRecoveryFlagIsSwitchedOnAndSet) {
   for (TreeShape Shape : {TreeShape::AbKind2, TreeShape::AbPair}) {
-    PspTreeOptions Options;
-    Options.Shape = Shape;
-    PspImage::PspTree Tree = Use(kSigRow3Kind2, Options);
+    PspImage::PspTree Tree = Use(kSigRow3Kind2, {.Shape = Shape});
     Platform->Soc.SetBootedFromRecovery(TRUE);
-    ExpectEntry(Tree.Find(kTypeApcb), "switch off");
-    EXPECT_EQ(Platform->Soc.SmnDataReads, 0u);
+    gConfig.PcdPspRecoverySwitch = 0;
+    const auto SmnReads = Platform->Soc.SmnDataReads;
+    ExpectEntry(Tree.Find(kTypeApcb), "switch off: copy A, the flag is not even read");
+    EXPECT_EQ(Platform->Soc.SmnDataReads, SmnReads);
     ForgetBufferStore();
-  }
-}
-
-TEST_F(PspAbCopies, RecoveryFlagSetTakesCopyB) {
-  gConfig.PcdPspRecoverySwitch = 1;
-  for (TreeShape Shape : {TreeShape::AbKind2, TreeShape::AbPair}) {
-    PspTreeOptions Options;
-    Options.Shape = Shape;
-    PspImage::PspTree Tree = Use(kSigRow3Kind2, Options);
-    Platform->Soc.SetBootedFromRecovery(TRUE);
+    gConfig.PcdPspRecoverySwitch = 1;
     ExpectEntry(Tree.Find(kTypeApcb, true), "booted from B");
     ExpectEntry(Tree.Find(kTypeApob, true), "booted from B");
     ForgetBufferStore();
@@ -144,17 +133,13 @@ TEST_F(PspAbCopies, RecoveryFlagSetTakesCopyB) {
 }
 
 TEST_F(PspAbCopies, KindOneHigherPriorityCopyIsPrimary) {
-  PspTreeOptions Options;
-  Options.Shape = TreeShape::AbKind1;
-  Options.PspId = 0xBC0B0800;
-  Options.KindOnePriorityA = 1;
-  Options.KindOnePriorityB = 7;
-  PspImage::PspTree Tree = Use(kSigRow10Kind1, Options);
+  PspImage::PspTree Tree = Use(
+      kSigRow10Kind1,
+      {.Shape = TreeShape::AbKind1, .PspId = 0xBC0B0800, .KindOnePriorityA = 1, .KindOnePriorityB = 7});
   ExpectEntry(Tree.Find(kTypeApcb, true), "primary is the B entry");
-}
+  ForgetBufferStore();
 
-TEST_F(PspAbCopies, KindOnePriorities354MakePrimary5AndSecondary4) {
-  SelectSoc(kSigRow10Kind1);
+  // Priorities 3, 5, 4: primary 5, secondary 4.
   PspImageBuilder B;
   B.Put(0xF83000, PspImage::AbHeaderKind1(3, 0xFFF84000));
   B.Put(0xF83100, PspImage::AbHeaderKind1(5, 0xFFF85000));
@@ -229,35 +214,26 @@ TEST_F(PspAbCopies, SummaryFailures) {
 
 using PspLevel1 = PspTree;
 
-TEST_F(PspLevel1, TypeSeventySkipsTheLevelTwoStep) {
+TEST_F(PspLevel1, LevelTwoFirstExceptForTypeSeventyAndInstancesSelectAmongOneType) {
   SelectSoc(kSigRow9Plain);
   PspImageBuilder B;
   B.Put(0x20000, Efs({.PspDirectory = 0xFFF80000, .BiosPointerOffset = 0x28, .BiosDirectory = 0xFFF82000}));
   B.Put(0xF80000, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}}));
   B.Put(0xF82000, BiosDirectory("$BHD", {{0x60, 0x100, 0xFFF90000, 0},
                                          {0x62, 0x100, 0xFFF91000, 0},
+                                         {BiosTypeWord(0x68, 0), 0x100, 0xFFF94000, 0},
+                                         {BiosTypeWord(0x68, 1, 2), 0x100, 0xFFF95000, 0},
                                          {0x70, 0x400, 0xFFF86000, 0}}));
-  B.Put(0xF86000, BiosDirectory("$BL2", {{0x70, 0x100, 0xFFF92000, 0}, {0x60, 0x100, 0xFFF93000, 0}}));
+  B.Put(0xF86000, BiosDirectory("$BL2", {{0x70, 0x100, 0xFFF92000, 0},
+                                         {BiosTypeWord(0x60, 0, 1), 0x100, 0xFFF93000, 0},
+                                         {BiosTypeWord(0x60, 3, 1), 0x100, 0xFFF96000, 0}}));
   Place(B);
   EXPECT_EQ(BiosEntry(0x70).Source, 0xFFF86000u) << "the level-1 entry, not the one in \"$BL2\"";
   EXPECT_EQ(BiosEntry(0x60).Source, 0xFFF93000u) << "level 2 first";
   EXPECT_EQ(BiosEntry(0x62).Source, 0xFFF91000u) << "level 1 when level 2 lacks the type";
-}
-
-TEST_F(PspLevel1, InstanceSelectsAmongEntriesOfOneType) {
-  SelectSoc(kSigRow9Plain);
-  PspImageBuilder B;
-  B.Put(0x20000, Efs({.PspDirectory = 0xFFF80000, .BiosPointerOffset = 0x28, .BiosDirectory = 0xFFF82000}));
-  B.Put(0xF80000, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}}));
-  B.Put(0xF82000, BiosDirectory("$BHD", {{BiosTypeWord(0x68, 0), 0x100, 0xFFF90000, 0},
-                                         {BiosTypeWord(0x68, 1, 2), 0x100, 0xFFF91000, 0},
-                                         {0x70, 0x400, 0xFFF86000, 0}}));
-  B.Put(0xF86000, BiosDirectory("$BL2", {{BiosTypeWord(0x60, 0, 1), 0x100, 0xFFF92000, 0},
-                                         {BiosTypeWord(0x60, 3, 1), 0x100, 0xFFF93000, 0}}));
-  Place(B);
-  EXPECT_EQ(BiosEntry(0x68, 1).Source, 0xFFF91000u);
-  EXPECT_EQ(BiosEntry(0x68, -1).Source, 0xFFF90000u);
-  EXPECT_EQ(BiosEntry(0x60, 3).Source, 0xFFF93000u);
+  EXPECT_EQ(BiosEntry(0x68, 1).Source, 0xFFF95000u);
+  EXPECT_EQ(BiosEntry(0x68, -1).Source, 0xFFF94000u);
+  EXPECT_EQ(BiosEntry(0x60, 3).Source, 0xFFF96000u);
   EXPECT_FALSE(BiosEntry(0x60, 2).Ok);
   UINT32 Word, Size;
   UINT64 Source, Destination;
@@ -267,10 +243,7 @@ TEST_F(PspLevel1, InstanceSelectsAmongEntriesOfOneType) {
 }
 
 TEST_F(PspLevel1, PspEntriesThroughLevel2AndLevel1) {
-  PspTreeOptions Options;
-  Options.Shape = TreeShape::PlainLevel2;
-  Options.BiosPointerOffset = 0x20;
-  PspImage::PspTree Tree = Use(kSigRow17Plain, Options);
+  PspImage::PspTree Tree = Use(kSigRow17Plain, {.Shape = TreeShape::PlainLevel2, .BiosPointerOffset = 0x20});
   UINT64 Location = 0;
   UINT32 Size = 0;
   ASSERT_TRUE(GetPspEntry(0x02, &Location, &Size)) << "held by \"$PL2\"";
@@ -349,10 +322,7 @@ TEST_F(PspLevel1, UnknownSocAndMissingBiosPointer) {
 
   // The reference SoC keeps no BIOS directory pointer in the EFS: none is read.
   Platform->ClearPortLog();
-  PspTreeOptions Options;
-  Options.Shape = TreeShape::Plain;
-  Options.BiosPointerOffset = 0x28;
-  Use(kSigRow3Kind2, Options);
+  Use(kSigRow3Kind2, {.Shape = TreeShape::Plain, .BiosPointerOffset = 0x28});
   EXPECT_FALSE(GetBiosDirectory(&Directory));
   EXPECT_TRUE(Assertions().empty());
 }
@@ -362,8 +332,7 @@ TEST_F(PspLevel1, UnknownSocAndMissingBiosPointer) {
 using PspDirectoryCache = PspTree;
 
 TEST_F(PspDirectoryCache, ValidCopiesServeLaterLookups) {
-  PspTreeOptions Options;
-  PspImage::PspTree Tree = Use(kSigRow3Kind2, Options);
+  PspImage::PspTree Tree = Use(kSigRow3Kind2, {});
   ExpectEntry(Tree.Find(kTypeApcb), "first lookup");
   std::memset(Chip(0xF80000), 0xFF, 0x8000);  // the tree is gone from flash
   ExpectEntry(Tree.Find(kTypeApob), "served from the caches");
@@ -376,8 +345,7 @@ TEST_F(PspDirectoryCache, ValidCopiesServeLaterLookups) {
 
 TEST_F(PspDirectoryCache, WithoutCachingEveryLookupReadsTheFlash) {
   gConfig.PcdPspDirectorySwitch = 0;
-  PspTreeOptions Options;
-  PspImage::PspTree Tree = Use(kSigRow3Kind2, Options);
+  PspImage::PspTree Tree = Use(kSigRow3Kind2, {});
   ExpectEntry(Tree.Find(kTypeApcb), "first lookup");
   std::memset(Chip(0xF80000), 0xFF, 0x8000);
   EXPECT_FALSE(BiosEntry(kTypeApcb).Ok);

@@ -34,6 +34,13 @@ TEST_F(RomAccess, ThreeBytesAtOffsetSevenTakeTwoAlignedWords) {
   ASSERT_TRUE(ReadRomByOffset(7, Out, 3));
   EXPECT_EQ(Platform->Soc.LastWindowAddress, 0xFF000000ull);
   EXPECT_EQ(Platform->Soc.LastWindowLength, 16u);
+
+  // The narrow window takes the offset modulo 16 MiB.
+  ASSERT_TRUE(ReadRomByOffset(0x3000010, Out, 2));
+  EXPECT_EQ(Out[0], At(0x10));
+  EXPECT_EQ(Platform->Soc.LastWindowAddress, 0xFF000010ull);
+  ASSERT_TRUE(ReadRomByOffset(0x1FFFFFF, Out, 1));
+  EXPECT_EQ(Out[0], 0x77);
 }
 
 TEST_F(RomAccess, EveryStartAndLengthCopiesExactlyTheBytesAsked) {
@@ -53,42 +60,48 @@ TEST_F(RomAccess, EveryStartAndLengthCopiesExactlyTheBytesAsked) {
   }
 }
 
-TEST_F(RomAccess, NarrowWindowTakesTheOffsetModulo16MiB) {
-  SelectSoc(kSigRow13Narrow);
-  UINT8 Out[2] = {};
-  ASSERT_TRUE(ReadRomByOffset(0x3000010, Out, 2));
-  EXPECT_EQ(Out[0], At(0x10));
-  EXPECT_EQ(Platform->Soc.LastWindowAddress, 0xFF000010ull);
-  ASSERT_TRUE(ReadRomByOffset(0x1FFFFFF, Out, 1));
-  EXPECT_EQ(Out[0], 0x77);
-}
-
-TEST_F(RomAccess, LimitsOfEachWindow) {
-  UINT8 Out[8];
+// Offsets through each window (ReadRomByOffset), then locations of every kind (ReadRom).
+TEST_F(RomAccess, LimitsOfEachWindowAndLocationsOutsideThemAreRefused) {
+  UINT8 Out[8] = {};
   struct Case {
     const char *What;
-    UINT32 Signature;
-    UINT32 Offset;
+    UINT32 Signature;  // 0: ReadRom on the reference SoC
+    UINT64 Location;
     UINT32 Length;
-    bool Buffer;
     bool Expected;
   } Cases[] = {
-      {"no buffer", kSigRow3Kind2, 0, 4, false, false},
-      {"length 0", kSigRow3Kind2, 0, 0, true, false},
-      {"wide: offset at the 64 MiB limit", kSigRow3Kind2, 0x4000000, 1, true, false},
-      {"wide: last byte of the window", kSigRow3Kind2, 0x3FFFFFF, 1, true, false},  // beyond the 16 MiB chip
-      {"wide: crossing the 64 MiB limit", kSigRow3Kind2, 0x3FFFFFF, 2, true, false},
-      {"wide: longer than the window", kSigRow3Kind2, 0, 0xFFFFFFFF, true, false},
-      {"wide: past the chip", kSigRow3Kind2, 0x1000000, 4, true, false},
-      {"wide: last byte of the chip", kSigRow3Kind2, 0xFFFFFF, 1, true, true},
-      {"narrow: crossing 16 MiB", kSigRow13Narrow, 0xFFFFFF, 2, true, false},
-      {"narrow: longer than the window", kSigRow13Narrow, 0, 0x1000001, true, false},
-      {"narrow: last byte", kSigRow13Narrow, 0xFFFFFF, 1, true, true},
+      {"length 0", kSigRow3Kind2, 0, 0, false},
+      {"wide: offset at the 64 MiB limit", kSigRow3Kind2, 0x4000000, 1, false},
+      {"wide: last byte of the window", kSigRow3Kind2, 0x3FFFFFF, 1, false},  // beyond the 16 MiB chip
+      {"wide: crossing the 64 MiB limit", kSigRow3Kind2, 0x3FFFFFF, 2, false},
+      {"wide: longer than the window", kSigRow3Kind2, 0, 0xFFFFFFFF, false},
+      {"wide: past the chip", kSigRow3Kind2, 0x1000000, 4, false},
+      {"wide: last byte of the chip", kSigRow3Kind2, 0xFFFFFF, 1, true},
+      {"narrow: crossing 16 MiB", kSigRow13Narrow, 0xFFFFFF, 2, false},
+      {"narrow: longer than the window", kSigRow13Narrow, 0, 0x1000001, false},
+      {"narrow: last byte", kSigRow13Narrow, 0xFFFFFF, 1, true},
+      {"flash offset", 0, 0x10, 4, true},
+      {"mapped address", 0, 0xFF000010, 4, true},
+      {"last mapped bytes", 0, 0xFFFFFFF8, 8, true},
+      {"crossing 4 GiB", 0, 0xFFFFFFFC, 8, false},
+      {"just above the offsets", 0, 0x04000000, 4, false},
+      {"below the mapped window", 0, 0xFEFFFFFF, 1, false},
+      {"above 4 GiB", 0, 0x100000000ull, 4, false},
+      {"after the wide window", 0, 0xFD04000000ull, 4, false},
+      {"wide window end crossed", 0, 0xFD03FFFFFCull, 8, false},
+      {"length 0 at a mapped address", 0, 0xFF000000, 0, true},
+      {"length 0 at a flash offset", 0, 0x10, 0, false},
   };
   for (const Case &C : Cases) {
-    SelectSoc(C.Signature);
-    EXPECT_EQ(ReadRomByOffset(C.Offset, C.Buffer ? Out : nullptr, C.Length) != FALSE, C.Expected) << C.What;
+    SelectSoc(C.Signature == 0 ? kSigRow3Kind2 : C.Signature);
+    const BOOLEAN Read = C.Signature == 0 ? ReadRom(C.Location, Out, C.Length)
+                                          : ReadRomByOffset(static_cast<UINT32>(C.Location), Out, C.Length);
+    EXPECT_EQ(Read != FALSE, C.Expected) << C.What;
   }
+  EXPECT_FALSE(ReadRomByOffset(0, nullptr, 4)) << "no buffer";
+  std::memset(Out, 0, sizeof(Out));
+  ASSERT_TRUE(ReadRom(0xFF000020, Out, 3));
+  EXPECT_EQ(std::memcmp(Out, Chip(0x20), 3), 0);
 }
 
 TEST_F(RomAccess, Family1AReadsOffsetsThroughTheWideWindowButRefusesItsAddresses) {
@@ -102,34 +115,6 @@ TEST_F(RomAccess, Family1AReadsOffsetsThroughTheWideWindowButRefusesItsAddresses
   std::memset(Out, 0, sizeof(Out));
   ASSERT_TRUE(ReadRom(0xFD00000010ull, Out, 4));
   EXPECT_EQ(Out[0], At(0x10));
-}
-
-TEST_F(RomAccess, LocationsOutsideTheWindowsAreRefused) {
-  UINT8 Out[8] = {};
-  struct Case {
-    const char *What;
-    UINT64 Location;
-    UINT32 Length;
-    bool Expected;
-  } Cases[] = {
-      {"flash offset", 0x10, 4, true},
-      {"mapped address", 0xFF000010, 4, true},
-      {"last mapped bytes", 0xFFFFFFF8, 8, true},
-      {"crossing 4 GiB", 0xFFFFFFFC, 8, false},
-      {"just above the offsets", 0x04000000, 4, false},
-      {"below the mapped window", 0xFEFFFFFF, 1, false},
-      {"above 4 GiB", 0x100000000ull, 4, false},
-      {"after the wide window", 0xFD04000000ull, 4, false},
-      {"wide window end crossed", 0xFD03FFFFFCull, 8, false},
-      {"length 0 at a mapped address", 0xFF000000, 0, true},
-      {"length 0 at a flash offset", 0x10, 0, false},
-  };
-  for (const Case &C : Cases) {
-    EXPECT_EQ(ReadRom(C.Location, Out, C.Length) != FALSE, C.Expected) << C.What;
-  }
-  std::memset(Out, 0, sizeof(Out));
-  ASSERT_TRUE(ReadRom(0xFF000020, Out, 3));
-  EXPECT_EQ(std::memcmp(Out, Chip(0x20), 3), 0);
 }
 
 TEST_F(RomAccess, DirectoryReadsZeroTheBufferFirst) {

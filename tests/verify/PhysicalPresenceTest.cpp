@@ -121,22 +121,18 @@ TEST_F(PhysicalPresence, TheEnableSwitchHasTwoFormsAndAnOffSwitchChangesNothing)
   }
 }
 
-TEST_F(PhysicalPresence, RefusalsBeforeAnythingIsRead) {
+EFI_STATUS EFIAPI PrepareFailing(VOID *) { return EFI_DEVICE_ERROR; }
+
+TEST_F(PhysicalPresence, RefusalsAndAFailedSetupPreparationWriteNothing) {
+  PublishTcg({0x84});
   gConfig.PpRecordingEnabled = FALSE;
   EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_UNSUPPORTED);
   gConfig.PpRecordingEnabled = TRUE;
   EXPECT_EQ(RecordPhysicalPresenceFlags(nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(Calls("FlashDevicePrepareSetupData"), 0u);
+  EXPECT_EQ(Calls("FlashDevicePrepareSetupData"), 0u) << "refused before anything is read";
 
   Platform->FlashDevice->SetupData = nullptr;
   EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_NOT_FOUND);
-  EXPECT_EQ(Record, SettingsBytes(kSecuritySettingsSize, kSentinel));
-}
-
-EFI_STATUS EFIAPI PrepareFailing(VOID *) { return EFI_DEVICE_ERROR; }
-
-TEST_F(PhysicalPresence, AFailedSetupPreparationIsReturnedAndNothingWritten) {
-  PublishTcg({0x84});
   Platform->FlashDevice->PrepareSetupData = PrepareFailing;
   EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_DEVICE_ERROR);
   EXPECT_EQ(Record, SettingsBytes(kSecuritySettingsSize, kSentinel));
@@ -160,32 +156,25 @@ TEST_F(PhysicalPresence, AReadThatClaimsMoreThanFourBytesIsNotBelieved) {
 }
 
 // ---- The setup record locator ----------------------------------------------------------------
-class PhysicalPresenceLocator : public ::testing::Test {
-protected:
-  std::vector<UINT8> NewerRecord(UINT16 Offset) {
-    std::vector<UINT8> Setup(2048, 0);
-    std::memcpy(Setup.data(), &gPlatformSetupLayoutGuid, sizeof(EFI_GUID));
-    Setup[0x26] = static_cast<UINT8>(Offset);
-    Setup[0x27] = static_cast<UINT8>(Offset >> 8);
-    return Setup;
-  }
-};
 
-TEST_F(PhysicalPresenceLocator, TheNewerLayoutAcceptsOnlyTheStartsOfItsFields) {
-  const UINT16 Accepted[] = {256, 288, 416, 448, 464, 496, 528, 1040, 1072, 1136, 1264, 1280, 1296, 1312, 1328, 1840};
-  for (UINT16 Offset : Accepted) {
-    std::vector<UINT8> Setup = NewerRecord(Offset);
-    EXPECT_EQ(PlatformSettingLocator(Setup.data()), Setup.data() + Offset) << Offset;
-  }
-  const UINT16 Refused[] = {0, 87, 255, 257, 300, 1841, 0xFFFF};
-  for (UINT16 Offset : Refused) {
-    std::vector<UINT8> Setup = NewerRecord(Offset);
-    EXPECT_EQ(PlatformSettingLocator(Setup.data()), Setup.data()) << Offset << " falls back to the first byte";
-  }
+std::vector<UINT8> NewerSetupRecord(UINT16 Offset) {
+  std::vector<UINT8> Setup(2048, 0);
+  std::memcpy(Setup.data(), &gPlatformSetupLayoutGuid, sizeof(EFI_GUID));
+  Setup[0x26] = static_cast<UINT8>(Offset);
+  Setup[0x27] = static_cast<UINT8>(Offset >> 8);
+  return Setup;
 }
 
-TEST_F(PhysicalPresenceLocator, AnyOtherRecordIsOfTheOlderLayout) {
-  std::vector<UINT8> Setup = NewerRecord(256);
+TEST(PhysicalPresenceLocator, TheNewerLayoutAcceptsOnlyTheStartsOfItsFieldsAnyOtherIsTheOlder) {
+  for (UINT16 Offset : {256, 288, 416, 448, 464, 496, 528, 1040, 1072, 1136, 1264, 1280, 1296, 1312, 1328, 1840}) {
+    std::vector<UINT8> Setup = NewerSetupRecord(Offset);
+    EXPECT_EQ(PlatformSettingLocator(Setup.data()), Setup.data() + Offset) << Offset;
+  }
+  for (UINT16 Offset : {0, 87, 255, 257, 300, 1841, 0xFFFF}) {
+    std::vector<UINT8> Setup = NewerSetupRecord(Offset);
+    EXPECT_EQ(PlatformSettingLocator(Setup.data()), Setup.data()) << Offset << " falls back to the first byte";
+  }
+  std::vector<UINT8> Setup = NewerSetupRecord(256);
   Setup[15] ^= 1;  // no longer the layout GUID
   EXPECT_EQ(PlatformSettingLocator(Setup.data()), Setup.data() + 87);
   EXPECT_EQ(PlatformSettingLocator(nullptr), nullptr);
@@ -211,18 +200,17 @@ TEST_F(PhysicalPresence, ANewerSetupRecordIsReadAtTheFieldItNames) {
 }
 
 // ---- In SMM ----------------------------------------------------------------------------------
-class PhysicalPresenceSmm : public SettingsFixture {
+class PhysicalPresenceSmm : public PhysicalPresence {
 protected:
-  SettingsBytes Record = SettingsBytes(kSecuritySettingsSize, kSentinel);
+  void SetUp() override {}
 };
 
 TEST_F(PhysicalPresenceSmm, UsesTheSmmFlashInterfaceVariablesAndSwitches) {
   StartInSmm();
-  UINT8 Tcg2[] = {0x10, 0x20, 0x30, 0x40};
-  Sim.SetVariable(u"Tcg2PhysicalPresenceFlags", gEfiTcg2PhysicalPresenceGuid, 7, Tcg2, sizeof(Tcg2));
+  PublishTcg2({0x10, 0x20, 0x30, 0x40});
   EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_SUCCESS);
-  EXPECT_EQ(Get32(Record.data(), kPpFlagsOffset), 0x40302010u);
-  EXPECT_EQ(Record[kPpFlagsSourceOffset], kPpFlagsSourceTcg2);
+  EXPECT_EQ(PpFlags(), 0x40302010u);
+  EXPECT_EQ(Source(), kPpFlagsSourceTcg2);
   EXPECT_EQ(Record[kPlatformSecurityByte1Offset], EmuSettings::kField20Value);
   ASSERT_EQ(Calls("SmmFlashPrepareSetupData"), 1u);
   EXPECT_EQ(Platform->Calls[0].Arguments[0], reinterpret_cast<UINT64>(Platform->Settings.SmmFlash));
@@ -240,7 +228,7 @@ TEST_F(PhysicalPresenceSmm, UsesTheSmmFlashInterfaceVariablesAndSwitches) {
 TEST_F(PhysicalPresenceSmm, WithoutTheSmmVariableProtocolTheReadsFail) {
   StartInSmm(true, /*PublishVariable=*/false);
   EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_NOT_FOUND);
-  EXPECT_EQ(Record[kPpFlagsSourceOffset], kPpFlagsSourceNone);
+  EXPECT_EQ(Source(), kPpFlagsSourceNone);
   EXPECT_EQ(Record[kPlatformSecurityByte2Offset], EmuSettings::kField25Value);
 }
 

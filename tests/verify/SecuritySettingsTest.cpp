@@ -76,26 +76,22 @@ TEST_F(SecuritySettingsCheck, EachFormatPassesWhenSealedAndFailsWhenNot) {
     EXPECT_EQ(CheckSecuritySettings(Case.Record.data()), Case.Expected) << Case.Name;
   }
   EXPECT_EQ(CheckSecuritySettings(nullptr), EFI_INVALID_PARAMETER);
+
+  Sim.FailAllocationAfter(1);  // the digest check fails closed without pool memory
+  EXPECT_EQ(CheckSecuritySettings(Cases[4].Record.data()), EFI_SECURITY_VIOLATION);
 }
 
 TEST_F(SecuritySettingsCheck, EveryFlippedBitOfAWordChecksumRecordIsCaught) {
   SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum);
   for (size_t Offset = 0; Offset < Record.size(); Offset += 61) {
     for (UINT8 Bit = 0; Bit < 8; Bit++) {
-      SettingsBytes Damaged = Flipped(Record, Offset, static_cast<UINT8>(1u << Bit));
       if (Offset == kIntegrityFormatOffset || Offset == kIntegrityFormatOffset + 1) {
         continue;  // a changed format is another check
       }
+      SettingsBytes Damaged = Flipped(Record, Offset, static_cast<UINT8>(1u << Bit));
       ASSERT_EQ(CheckSecuritySettings(Damaged.data()), EFI_SECURITY_VIOLATION) << Offset << " bit " << int(Bit);
     }
   }
-}
-
-TEST_F(SecuritySettingsCheck, DigestCheckWithoutPoolMemoryFailsClosed) {
-  SettingsBytes Record = MakeSettingsRecord(kIntegritySha256);
-  Sim.FailAllocationAfter(1);
-  EXPECT_EQ(CheckSecuritySettings(Record.data()), EFI_SECURITY_VIOLATION);
-  EXPECT_EQ(CheckSecuritySettings(Record.data()), EFI_SUCCESS) << "and the record itself is sound";
 }
 
 // ---- WriteSecuritySettings -------------------------------------------------------------------
@@ -115,7 +111,7 @@ TEST_F(SecuritySettingsWrite, ARecordEqualToTheLiveBlockWritesNothingEvenWithASt
   EXPECT_EQ(LiveBytes(), Stale);
 }
 
-TEST_F(SecuritySettingsWrite, WithoutDigestProtectionSealsWithTheWordChecksum) {
+TEST_F(SecuritySettingsWrite, SealsWithTheWordChecksumOrWithSha256UnderDigestProtection) {
   StartWithFlags(true, false);
   SettingsBytes Record = MakeSettingsRecord(kIntegritySha256, true, 0x5A);  // a format the write replaces
   ASSERT_EQ(WriteSecuritySettings(Record.data()), EFI_SUCCESS);
@@ -135,17 +131,14 @@ TEST_F(SecuritySettingsWrite, WithoutDigestProtectionSealsWithTheWordChecksum) {
   EXPECT_EQ(Platform->Calls[2].Arguments[0], kSecuritySettingsBlockAddress);
   EXPECT_EQ(Platform->Calls[2].Arguments[2], kSecuritySettingsSize);
   EXPECT_EQ(Platform->Flash.Stats().ProgramFaults, 0u);
-}
 
-TEST_F(SecuritySettingsWrite, WithDigestProtectionSealsWithSha256) {
-  StartWithFlags(true, true);
-  SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x77);
-  ASSERT_EQ(WriteSecuritySettings(Record.data()), EFI_SUCCESS);
-
-  EXPECT_EQ(Get16(Record.data(), kIntegrityFormatOffset), kIntegritySha256);
-  std::vector<UINT8> Digest = ExpectedDigest(Record.data());
-  EXPECT_EQ(std::memcmp(Record.data() + kSettingsDigestOffset, Digest.data(), Digest.size()), 0);
-  EXPECT_EQ(LiveBytes(), Record);
+  DigestProtection = TRUE;
+  SettingsBytes Digested = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x77);
+  ASSERT_EQ(WriteSecuritySettings(Digested.data()), EFI_SUCCESS);
+  EXPECT_EQ(Get16(Digested.data(), kIntegrityFormatOffset), kIntegritySha256);
+  std::vector<UINT8> Digest = ExpectedDigest(Digested.data());
+  EXPECT_EQ(std::memcmp(Digested.data() + kSettingsDigestOffset, Digest.data(), Digest.size()), 0);
+  EXPECT_EQ(LiveBytes(), Digested);
   EXPECT_EQ(CheckSecuritySettings(Live()), EFI_SUCCESS);
 }
 
@@ -220,41 +213,20 @@ TEST_F(SecuritySettingsWrite, RetriesUpToOneHundredTimesAndReportsSuccessWhateve
 // ---- RecoverSecuritySettings and ClearSecuritySettings ---------------------------------------
 class SecuritySettingsRecover : public SettingsFixture {};
 
-TEST_F(SecuritySettingsRecover, WithoutDigestProtectionNeverTouchesTheBlock) {
-  StartWithFlags(true, false);
+TEST_F(SecuritySettingsRecover, ASoundOrEmptyBlockOrOneWithoutDigestProtectionIsLeftAlone) {
+  StartWithFlags(true, true);
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS) << "the reference block is sealed";
+  LoadLive(SettingsBytes(kSecuritySettingsSize, 0));
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_NOT_READY);
+  EXPECT_EQ(LiveBytes(), SettingsBytes(kSecuritySettingsSize, 0));
+
+  DigestProtection = FALSE;
   SettingsBytes Damaged = Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x30);
   LoadLive(Damaged);
   EXPECT_EQ(RecoverSecuritySettings(), EFI_UNSUPPORTED);
   EXPECT_EQ(LiveBytes(), Damaged);
   EXPECT_EQ(FlashChanges(), 0u);
   EXPECT_EQ(FailFlag(), -1);
-}
-
-TEST_F(SecuritySettingsRecover, ASoundOrEmptyLiveBlockIsLeftAlone) {
-  StartWithFlags(true, true);
-  EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS) << "the reference block is sealed";
-
-  LoadLive(SettingsBytes(kSecuritySettingsSize, 0));
-  EXPECT_EQ(RecoverSecuritySettings(), EFI_NOT_READY);
-  EXPECT_EQ(LiveBytes(), SettingsBytes(kSecuritySettingsSize, 0));
-  EXPECT_EQ(FlashChanges(), 0u);
-  EXPECT_EQ(FailFlag(), -1);
-}
-
-TEST_F(SecuritySettingsRecover, ADamagedBlockIsRestoredFromAGoodBackupUnchanged) {
-  StartWithFlags(true, true);
-  SettingsBytes Good = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x21);  // not the digest format
-  LoadBackup(Good);
-  LoadLive(Flipped(Good, 0x100));
-
-  EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS);
-  EXPECT_EQ(LiveBytes(), Good) << "the backup's bytes, not resealed";
-  EXPECT_EQ(BackupBytes(), Good) << "the backup is only read";
-  EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
-  EXPECT_EQ(FailFlagAttributes(), 7u);
-  EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
-  EXPECT_EQ(Platform->Calls[0].Arguments[0], kSecuritySettingsBlockAddress);
-  EXPECT_EQ(Sim.ResetCount(), 0u);
 }
 
 TEST_F(SecuritySettingsRecover, WithoutAUsableBackupClearsTheBlockAndResets) {
@@ -286,8 +258,17 @@ TEST_F(SecuritySettingsRecover, WithoutAUsableBackupClearsTheBlockAndResets) {
   }
 }
 
-TEST_F(SecuritySettingsRecover, AClearThatCannotFindTheFlashStopsBeforeTheReset) {
-  StartWithFlags(true, true);
+TEST_F(SecuritySettingsRecover, ClearWritesZerosWhateverTheBackupSwitchOrStopsBeforeTheReset) {
+  StartWithFlags(false, true);
+  EXPECT_EQ(ClearSecuritySettings(), EFI_SUCCESS);
+  EXPECT_EQ(LiveBytes(), SettingsBytes(kSecuritySettingsSize, 0));
+  EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
+  EXPECT_EQ(Calls("FlashDeviceWrite"), 1u);
+  Sim.FailAllocationAfter(1);
+  EXPECT_EQ(ClearSecuritySettings(), EFI_OUT_OF_RESOURCES);
+  Sim.FailAllocationAfter(0);
+
+  // A clear that cannot find the flash stops before the reset.
   LoadLive(Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x10));
   LoadBackup(SettingsBytes(kSecuritySettingsSize, 0xFF));
   Platform->FlashDevice->FlashDeviceWrite = nullptr;
@@ -296,20 +277,10 @@ TEST_F(SecuritySettingsRecover, AClearThatCannotFindTheFlashStopsBeforeTheReset)
   EXPECT_EQ(FailFlag(), -1);
 }
 
-TEST_F(SecuritySettingsRecover, ClearWritesZerosWhateverTheBackupSwitch) {
-  StartWithFlags(false, false);
-  EXPECT_EQ(ClearSecuritySettings(), EFI_SUCCESS);
-  EXPECT_EQ(LiveBytes(), SettingsBytes(kSecuritySettingsSize, 0));
-  EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
-  EXPECT_EQ(Calls("FlashDeviceWrite"), 1u);
-
-  Sim.FailAllocationAfter(1);
-  EXPECT_EQ(ClearSecuritySettings(), EFI_OUT_OF_RESOURCES);
-}
-
 TEST_F(SecuritySettingsRecover, APowerCutDuringAWriteIsRepairedFromTheBackupAtTheNextBoot) {
   StartWithFlags(true, true);
-  SettingsBytes Backup = BackupBytes();
+  SettingsBytes Good = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x21);  // not the digest format
+  LoadBackup(Good);
   SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x52);
   Platform->Flash.CutPowerAtOperation(2);  // the erase completes, the program is cut halfway
 
@@ -320,21 +291,19 @@ TEST_F(SecuritySettingsRecover, APowerCutDuringAWriteIsRepairedFromTheBackupAtTh
 
   Platform->Flash.RestorePower();
   Sim.SimulateReboot();
+  Platform->ClearCalls();
   EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS);
-  EXPECT_EQ(LiveBytes(), Backup);
+  EXPECT_EQ(LiveBytes(), Good) << "the backup's bytes, not resealed";
+  EXPECT_EQ(BackupBytes(), Good) << "the backup is only read";
   EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
+  EXPECT_EQ(FailFlagAttributes(), 7u);
+  EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Sim.ResetCount(), 0u);
 }
 
 // ---- SaveSecuritySettings --------------------------------------------------------------------
-class SecuritySettingsSave : public SettingsFixture {
-protected:
-  void TearDown() override {
-    if (Copy != nullptr) {
-      gBS->FreePages(reinterpret_cast<EFI_PHYSICAL_ADDRESS>(Copy), 1);
-    }
-  }
-  UINT8 *Copy = nullptr;
-};
+using SecuritySettingsSave = SettingsFixture;
 
 TEST_F(SecuritySettingsSave, ABlockWithoutMagicGetsItSoTheFollowingWriteWritesTheBlock) {
   StartWithFlags(true, false);
@@ -374,7 +343,7 @@ TEST_F(SecuritySettingsSave, ReusesTheCallersPageAndKeepsAnEmptyBlockEmptyButFor
   Sim.FailAllocationAfter(0);
 }
 
-TEST_F(SecuritySettingsSave, RefusesWithoutBackupSupportOrMemory) {
+TEST_F(SecuritySettingsSave, RefusesWithoutBackupSupportOrMemoryAndResetsOverADamagedBlock) {
   StartWithFlags(false, false);
   EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_UNSUPPORTED);
   EXPECT_EQ(Copy, nullptr);
@@ -384,10 +353,9 @@ TEST_F(SecuritySettingsSave, RefusesWithoutBackupSupportOrMemory) {
   Sim.FailAllocationAfter(1);
   EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_OUT_OF_RESOURCES);
   EXPECT_EQ(Copy, nullptr);
-}
 
-TEST_F(SecuritySettingsSave, ADamagedBlockWithoutBackupResetsBeforeTheSnapshot) {
-  StartWithFlags(true, true);
+  Sim.FailAllocationAfter(0);
+  DigestProtection = TRUE;  // a damaged block without a backup resets before the snapshot
   LoadLive(Flipped(MakeSettingsRecord(kIntegritySha256), 0x10));
   LoadBackup(SettingsBytes(kSecuritySettingsSize, 0xFF));
   EXPECT_THROW(SaveSecuritySettings(&Copy), SimResetRequested);
@@ -396,16 +364,9 @@ TEST_F(SecuritySettingsSave, ADamagedBlockWithoutBackupResetsBeforeTheSnapshot) 
 }
 
 // ---- Library start ---------------------------------------------------------------------------
-class SecuritySettingsLibrary : public SettingsFixture {
-protected:
-  void StartTablesOnly() {
-    PrepareBoot();
-    UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
-    UefiRuntimeServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
-  }
-};
+using SecuritySettingsLibrary = SettingsFixture;
 
-TEST_F(SecuritySettingsLibrary, ReadsBothFlagsFromTheFlashServiceAtStart) {
+TEST_F(SecuritySettingsLibrary, ReadsBothFlagsFromTheFlashServiceAtStartOrNoneInSmm) {
   struct Case {
     UINT8 SettingsFlags;
     UINT8 VerifyFlags;
@@ -425,6 +386,14 @@ TEST_F(SecuritySettingsLibrary, ReadsBothFlagsFromTheFlashServiceAtStart) {
     EXPECT_EQ(mPlatformFlashService, Platform->FlashService);
   }
   EXPECT_EQ(Sim.OpenEvents(), 0u) << "no notification needed";
+
+  Sim.InstallSmmBase2(TRUE);
+  SettingsBackupSupported = DigestProtection = FALSE;
+  ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_TRUE(mInSmm);
+  EXPECT_EQ(gSmst, Sim.Smst());
+  EXPECT_FALSE(SettingsBackupSupported) << "SMM flags come from the SMM service at each call";
+  EXPECT_EQ(Sim.OpenEvents(), 0u);
 }
 
 TEST_F(SecuritySettingsLibrary, WaitsForALateFlashServiceAndClosesItsEventOnStop) {
@@ -455,30 +424,13 @@ TEST_F(SecuritySettingsLibrary, AFailedEntryStopsTheLibraryWithTheOthers) {
   EXPECT_FALSE(SettingsBackupSupported) << "the notification went with the destructor";
 }
 
-TEST_F(SecuritySettingsLibrary, InSmmTakesTheSmmTableAndNoFlagsYet) {
-  StartTablesOnly();
-  Sim.InstallSmmBase2(TRUE);
-  SetFlashServiceFlags(true, true);
-  ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-  EXPECT_TRUE(mInSmm);
-  EXPECT_EQ(gSmst, Sim.Smst());
-  EXPECT_FALSE(SettingsBackupSupported) << "SMM flags come from the SMM service at each call";
-  EXPECT_EQ(Sim.OpenEvents(), 0u);
-}
-
 // ---- The same operations in SMM --------------------------------------------------------------
 class SecuritySettingsSmm : public SettingsFixture {
 protected:
-  void TearDown() override {
-    if (Copy != nullptr) {
-      gBS->FreePages(reinterpret_cast<EFI_PHYSICAL_ADDRESS>(Copy), 1);
-    }
-  }
   SettingsSmmServiceProtocol &Service() { return *Platform->Settings.SmmService; }
-  UINT8 *Copy = nullptr;
 };
 
-TEST_F(SecuritySettingsSmm, WritesThroughTheSmmFlashInterfaceWithFlagsReadAtEachCall) {
+TEST_F(SecuritySettingsSmm, WritesAndSavesThroughTheSmmInterfacesWithFlagsReadAtEachCall) {
   StartInSmm();
   SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x71);
   Service().VerifyFlags = 0x02;
@@ -494,6 +446,11 @@ TEST_F(SecuritySettingsSmm, WritesThroughTheSmmFlashInterfaceWithFlagsReadAtEach
   Service().SettingsFlags = 0x00;
   SettingsBytes Other = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x72);
   EXPECT_EQ(WriteSecuritySettings(Other.data()), EFI_UNSUPPORTED);
+  EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_UNSUPPORTED) << "the snapshot follows the SMM backup switch too";
+  Service().SettingsFlags = 0x01;
+  ASSERT_EQ(SaveSecuritySettings(&Copy), EFI_SUCCESS);
+  EXPECT_EQ(std::memcmp(Copy, Live(), kPpFlagsOffset), 0);
+  EXPECT_EQ(Calls("SmmFlashPrepareSetupData"), 1u) << "physical presence through the SMM flash interface";
 }
 
 TEST_F(SecuritySettingsSmm, WithoutTheSmmServicesNothingIsWritten) {
@@ -519,16 +476,6 @@ TEST_F(SecuritySettingsSmm, RecoveryNeedsTheSmmVariableProtocolAndNotesTheRestor
   EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS);
   EXPECT_EQ(LiveBytes(), Good);
   EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
-}
-
-TEST_F(SecuritySettingsSmm, SaveFollowsTheSmmBackupSwitch) {
-  StartInSmm();
-  Service().SettingsFlags = 0x00;
-  EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_UNSUPPORTED);
-  Service().SettingsFlags = 0x01;
-  ASSERT_EQ(SaveSecuritySettings(&Copy), EFI_SUCCESS);
-  EXPECT_EQ(std::memcmp(Copy, Live(), kPpFlagsOffset), 0);
-  EXPECT_EQ(Calls("SmmFlashPrepareSetupData"), 1u) << "physical presence through the SMM flash interface";
 }
 
 }  // namespace

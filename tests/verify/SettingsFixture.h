@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "../../src/base/Globals.h"
 #include "../../src/base/Guids.h"
 #include "../../src/base/PiSmm.h"
 #include "../../src/driver/LibraryList.h"
@@ -18,25 +19,24 @@
 
 using SettingsBytes = std::vector<UINT8>;
 
-inline UINT16 RecordWordSum(const SettingsBytes &Record) {
-  UINT16 Sum = 0;
-  for (size_t Offset = 0; Offset < Record.size(); Offset += 2) {
-    Sum = static_cast<UINT16>(Sum + (Record[Offset] | (Record[Offset + 1] << 8)));
-  }
-  return Sum;
+// Little-endian words read and written here, not through the driver's helpers.
+inline UINT16 Get16(const UINT8 *Bytes, size_t Offset) {
+  return static_cast<UINT16>(Bytes[Offset] | (Bytes[Offset + 1] << 8));
 }
-
+inline UINT32 Get32(const UINT8 *Bytes, size_t Offset) {
+  return Get16(Bytes, Offset) | UINT32{Get16(Bytes, Offset + 2)} << 16;
+}
 inline void Put16(SettingsBytes &Record, size_t Offset, UINT16 Value) {
   Record[Offset] = static_cast<UINT8>(Value);
   Record[Offset + 1] = static_cast<UINT8>(Value >> 8);
 }
 
-inline UINT16 Get16(const UINT8 *Bytes, size_t Offset) {
-  return static_cast<UINT16>(Bytes[Offset] | (Bytes[Offset + 1] << 8));
-}
-
-inline UINT32 Get32(const UINT8 *Bytes, size_t Offset) {
-  return static_cast<UINT32>(Get16(Bytes, Offset) | (Get16(Bytes, Offset + 2) << 16));
+inline UINT16 RecordWordSum(const SettingsBytes &Record) {
+  UINT16 Sum = 0;
+  for (size_t Offset = 0; Offset < Record.size(); Offset += 2) {
+    Sum = static_cast<UINT16>(Sum + Get16(Record.data(), Offset));
+  }
+  return Sum;
 }
 
 // SHA-256 of the record with its digest field zeroed.
@@ -87,9 +87,7 @@ protected:
   // SMM mode: the library started alone, as an SMM driver's start-up would, with the SMM
   // settings service, its flash interface and the SMM variable protocol published.
   void StartInSmm(bool PublishFlash = true, bool PublishVariable = true) {
-    PrepareBoot();
-    UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
-    UefiRuntimeServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+    StartTablesOnly();
     Sim.InstallSmmBase2(TRUE);
     Sim.InstallSmmProtocol(gSettingsSmmServiceGuid, Platform->Settings.SmmService);
     if (PublishFlash) {
@@ -105,6 +103,20 @@ protected:
     ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
     ASSERT_TRUE(SecuritySettingsLib::mInSmm);
     Platform->ClearCalls();
+  }
+
+  // The boot and runtime services tables, as the library's own start would find them.
+  void StartTablesOnly() {
+    PrepareBoot();
+    UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+    UefiRuntimeServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
+  }
+
+  // The snapshot page a test had SaveSecuritySettings fill goes back before the leak check.
+  void TearDown() override {
+    if (Copy != nullptr) {
+      gBS->FreePages(reinterpret_cast<EFI_PHYSICAL_ADDRESS>(Copy), 1);
+    }
   }
 
   UINT8 *FlashAt(UINT32 Address) { return Platform->Flash.Bytes() + (Address - Platform->FlashBaseAddress); }
@@ -135,4 +147,5 @@ protected:
   }
 
   EFI_SMM_VARIABLE_PROTOCOL SmmVariable{};
+  UINT8 *Copy = nullptr;
 };
