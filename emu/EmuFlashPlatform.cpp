@@ -4,11 +4,11 @@
 
 #include "../src/base/BaseLib.h"
 #include "EmuPlatform.h"
+#include "EmuMembers.h"
+
+using namespace emu_members;
 
 namespace {
-
-EmuPlatform &P() { return *gEmuPlatform; }
-UINT64 Ptr(const VOID *Pointer) { return reinterpret_cast<UINT64>(Pointer); }
 
 // Flash capability bits of the reference platform: bit 0 asks for the query notification,
 // bit 3 for the post-query call outside recovery boots.

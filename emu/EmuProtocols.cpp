@@ -3,12 +3,11 @@
 #include "../src/base/BaseLib.h"
 #include "../src/base/Guids.h"
 #include "EmuPlatform.h"
+#include "EmuMembers.h"
+
+using namespace emu_members;
 
 namespace {
-
-EmuPlatform &P() { return *gEmuPlatform; }
-
-UINT64 Ptr(const VOID *Pointer) { return reinterpret_cast<UINT64>(Pointer); }
 
 // ---- Flash device interface ----------------------------------------------------------------
 EFI_STATUS EFIAPI FlashDeviceWrite(UINTN Address, const VOID *Buffer, UINTN Length) {
