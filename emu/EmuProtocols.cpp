@@ -112,13 +112,13 @@ EFI_STATUS EFIAPI SetDebugCodeDisplay(VOID *TextOut, BOOLEAN Start) {
 }
 
 // ---- Configuration block operations ------------------------------------------------------
-EFI_STATUS EFIAPI ConfigOperation44(UINT64 First, UINT64 Second) {
-  P().Record("ConfigOperation44", First, Second);
+EFI_STATUS EFIAPI ConfigNotifyUpdatePhase(UINT64 First, UINT64 Second) {
+  P().Record("NotifyUpdatePhase", First, Second);
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI ConfigFirstImageCheck(const VOID *Image, UINT64 ImageSize) {
-  P().Record("ConfigFirstImageCheck", Ptr(Image), ImageSize);
+EFI_STATUS EFIAPI ConfigCheckImage(const VOID *Image, UINT64 ImageSize) {
+  P().Record("CheckImage", Ptr(Image), ImageSize);
   return EFI_SUCCESS;
 }
 
@@ -132,9 +132,11 @@ EFI_STATUS EFIAPI ConfigCompletion2() {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI ConfigVerifyOperation(const VOID *Image, UINT64 ImageSize, UINT64 Argument3, UINT64 Argument4) {
-  P().Record("ConfigVerifyOperation", Ptr(Image), ImageSize, Argument3, Argument4);
-  return EFI_SUCCESS;
+// Placeholder until the emulated layout query answers from the image's own layout.
+EFI_STATUS EFIAPI ConfigGetUpdateLayout(const VOID *Image, UINT64 ImageSize, UINT64 *, UINT64 *, UINT64 *, UINT64 *,
+                                        UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *) {
+  P().Record("GetUpdateLayout", Ptr(Image), ImageSize);
+  return EFI_UNSUPPORTED;
 }
 
 // ---- Boot-block handler and update log ---------------------------------------------------
@@ -181,12 +183,12 @@ void EmuFillProtocols(EmuPlatform &Platform) {
   Service.Member51C = FlashServiceMember51C;
 
   PlatformConfigProtocol &Config = *Platform.Config;
-  Config.Operation44 = ConfigOperation44;
-  Config.FirstImageCheck = ConfigFirstImageCheck;
+  Config.NotifyUpdatePhase = ConfigNotifyUpdatePhase;
+  Config.CheckImage = ConfigCheckImage;
   Config.UpdateStatusBlock = Platform.UpdateStatusBlock;
   Config.CompletionOperation1 = ConfigCompletion1;
   Config.CompletionOperation2 = ConfigCompletion2;
-  Config.VerifyOperation = ConfigVerifyOperation;
+  Config.GetUpdateLayout = ConfigGetUpdateLayout;
   // FlashDevice (0xAD) stays empty: the driver fills it at entry.
 
   Platform.BootBlockHandler->Member0 = BootBlockMember0;

@@ -60,28 +60,33 @@ static_assert(offsetof(SettingsSmmFlashProtocol, Erase) == 19 * 8);
 static_assert(offsetof(SettingsSmmFlashProtocol, Delay) == 20 * 8);
 
 // ---- Platform configuration block (gPlatformConfigProtocolGuid) ---------------------------
-typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_OP2)(UINT64 First, UINT64 Second);
-typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_IMAGE_CHECK)(const VOID *Image, UINT64 ImageSize);
-typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_VERIFY)(const VOID *Image, UINT64 ImageSize, UINT64 Argument3,
-                                                   UINT64 Argument4);
+typedef EFI_STATUS(EFIAPI *PLATFORM_NOTIFY_UPDATE_PHASE)(UINT64 Phase, UINT64 Reserved);
+typedef EFI_STATUS(EFIAPI *PLATFORM_CHECK_IMAGE)(const VOID *Image, UINT64 ImageSize);
+// The layout of a new image: the memory addresses of the four recovery-copy sources, then
+// flash offsets and sizes of IBB1 to IBB4. The driver zeroes the eight offsets and sizes first.
+typedef EFI_STATUS(EFIAPI *PLATFORM_GET_UPDATE_LAYOUT)(const VOID *Image, UINT64 ImageSize, UINT64 *Source0,
+                                                       UINT64 *Source1, UINT64 *Source2, UINT64 *Source3,
+                                                       UINT64 *Ibb1Offset, UINT64 *Ibb1Size, UINT64 *Ibb2Offset,
+                                                       UINT64 *Ibb2Size, UINT64 *Ibb3Offset, UINT64 *Ibb3Size,
+                                                       UINT64 *Ibb4Offset, UINT64 *Ibb4Size);
 typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_COMPLETION)(VOID);
 
 struct PlatformConfigProtocol {
   UINT8 Opaque000[0x44];
-  PLATFORM_CONFIG_OP2 Operation44;  // 0x44
+  PLATFORM_NOTIFY_UPDATE_PHASE NotifyUpdatePhase;  // 0x44
   UINT8 Opaque04C[0x75 - 0x4C];
   UINT32 BootBlockFvAddress;  // 0x75
   UINT8 Opaque079[0x7D - 0x79];
   UINT32 BiosIdAreaAddress;  // 0x7D
   UINT32 BiosIdAreaSize;     // 0x81
   UINT8 Opaque085[0x9D - 0x85];
-  UINT64 ReplacementResetEntry;  // 0x9D
+  UINT64 UpdateResetHandler;  // 0x9D: address of a ResetSystem replacement, or 0
   UINT8 Opaque0A5[0xAD - 0xA5];
   PlatformFlashDeviceProtocol *FlashDevice;  // 0xAD
   UINT32 EcImageOffset;                      // 0xB5: state word, EC firmware offset in the EC store
   UINT32 EcImageSize;                        // 0xB9: second state word, EC firmware size
   UINT8 Opaque0BD[0xCD - 0xBD];
-  PLATFORM_CONFIG_IMAGE_CHECK FirstImageCheck;  // 0xCD
+  PLATFORM_CHECK_IMAGE CheckImage;  // 0xCD: first check of a new image
   UINT8 Opaque0D5[0xED - 0xD5];
   UINT8 *UpdateStatusBlock;  // 0xED
   UINT8 Opaque0F5[0x135 - 0xF5];
@@ -90,23 +95,23 @@ struct PlatformConfigProtocol {
   PLATFORM_CONFIG_COMPLETION CompletionOperation1;  // 0x211
   PLATFORM_CONFIG_COMPLETION CompletionOperation2;  // 0x219
   UINT8 Opaque221[0x27E - 0x221];
-  PLATFORM_CONFIG_VERIFY VerifyOperation;  // 0x27E
+  PLATFORM_GET_UPDATE_LAYOUT GetUpdateLayout;  // 0x27E
   UINT8 Opaque286[0x10];
 };
-static_assert(offsetof(PlatformConfigProtocol, Operation44) == 0x44);
+static_assert(offsetof(PlatformConfigProtocol, NotifyUpdatePhase) == 0x44);
 static_assert(offsetof(PlatformConfigProtocol, BootBlockFvAddress) == 0x75);
 static_assert(offsetof(PlatformConfigProtocol, BiosIdAreaAddress) == 0x7D);
 static_assert(offsetof(PlatformConfigProtocol, BiosIdAreaSize) == 0x81);
-static_assert(offsetof(PlatformConfigProtocol, ReplacementResetEntry) == 0x9D);
+static_assert(offsetof(PlatformConfigProtocol, UpdateResetHandler) == 0x9D);
 static_assert(offsetof(PlatformConfigProtocol, FlashDevice) == 0xAD);
 static_assert(offsetof(PlatformConfigProtocol, EcImageOffset) == 0xB5);
 static_assert(offsetof(PlatformConfigProtocol, EcImageSize) == 0xB9);
-static_assert(offsetof(PlatformConfigProtocol, FirstImageCheck) == 0xCD);
+static_assert(offsetof(PlatformConfigProtocol, CheckImage) == 0xCD);
 static_assert(offsetof(PlatformConfigProtocol, UpdateStatusBlock) == 0xED);
 static_assert(offsetof(PlatformConfigProtocol, Flags) == 0x135);
 static_assert(offsetof(PlatformConfigProtocol, CompletionOperation1) == 0x211);
 static_assert(offsetof(PlatformConfigProtocol, CompletionOperation2) == 0x219);
-static_assert(offsetof(PlatformConfigProtocol, VerifyOperation) == 0x27E);
+static_assert(offsetof(PlatformConfigProtocol, GetUpdateLayout) == 0x27E);
 
 constexpr UINT8 kPlatformConfigAlternativeFlag = 0x40;
 
@@ -290,6 +295,22 @@ typedef EFI_STATUS(EFIAPI *UPDATE_LOG_WRITE_RECORD)(UpdateLogProtocol *This, UIN
                                                     const VOID *Data);
 struct UpdateLogProtocol {
   UPDATE_LOG_WRITE_RECORD WriteRecord;
+};
+
+// ---- Image signature verifier (gImageSignatureVerifyProtocolGuid) ------------------------
+// Member 2 checks a detached signature over Data; KeySelector chooses the key (1, then 0).
+typedef EFI_STATUS(EFIAPI *IMAGE_SIGNATURE_VERIFY)(const VOID *Data, UINT64 DataSize, const VOID *Signature,
+                                                   UINT64 SignatureSize, UINT32 KeySelector);
+struct ImageSignatureVerifyProtocol {
+  VOID *Slot0;
+  VOID *Slot1;
+  IMAGE_SIGNATURE_VERIFY Verify;  // member 2
+};
+static_assert(offsetof(ImageSignatureVerifyProtocol, Verify) == 16);
+
+// ---- Staged-update notification (gStagedUpdateNotifyProtocolGuid) ------------------------
+struct StagedUpdateNotifyProtocol {
+  PLATFORM_NOTIFY_MEMBER Notify;  // member 0: update files were staged on a system partition
 };
 
 #pragma pack(pop)

@@ -15,6 +15,8 @@ BOOLEAN mResumeUpdate = FALSE;
 BOOLEAN mResumeUpdateB = FALSE;
 BOOLEAN mSkipIbb4Write = FALSE;
 
+UpdateRegionTable mUpdateRegionTable = kUpdateRegionDefaults;
+
 #if defined(BIOS_HOST_BUILD)
 void ResetFlashStateForTest() {
   mUpdateMode = UpdateModeNormal;
@@ -29,5 +31,6 @@ void ResetFlashStateForTest() {
   mResumeUpdate = FALSE;
   mResumeUpdateB = FALSE;
   mSkipIbb4Write = FALSE;
+  mUpdateRegionTable = kUpdateRegionDefaults;
 }
 #endif

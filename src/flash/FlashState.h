@@ -3,6 +3,8 @@
 // boot-services thread.
 #pragma once
 #include "../base/Uefi.h"
+#include <array>
+
 #include "FlashRecords.h"
 
 extern UINT32 mUpdateMode;             // an UpdateMode, fixed by every query
@@ -17,5 +19,37 @@ extern BOOLEAN mRecoveryBootUpdate;
 extern BOOLEAN mResumeUpdate;
 extern BOOLEAN mResumeUpdateB;
 extern BOOLEAN mSkipIbb4Write;
+
+// The update regions of a region-tracked update, in this order. Build-time defaults of
+// Address and Size; every field is rewritten when an image is accepted.
+enum UpdateRegionIndex : UINT32 {
+  RegionIbb1R = 0,
+  RegionIbb2R = 1,
+  RegionIbb3R = 2,
+  RegionIbb4R = 3,
+  RegionIbb1 = 4,
+  RegionIbb2 = 5,
+  RegionIbb3 = 6,
+  RegionIbb4 = 7,
+  RegionObb = 8,
+  RegionObb2 = 9,
+  RegionObb3 = 10,
+};
+constexpr UINTN kUpdateRegionCount = 11;
+using UpdateRegionTable = std::array<UpdateRegion, kUpdateRegionCount>;
+inline constexpr UpdateRegionTable kUpdateRegionDefaults = {{
+    {0, 0x178000, 0, 0, 0},           // IBB1R
+    {0, 0x380000, 0, 0, 0},           // IBB2R
+    {0, 0, 0, 0, 0},                  // IBB3R
+    {0, 0x80000, 0, 0, 0},            // IBB4R
+    {0xFFA88000, 0x178000, 0, 0, 0},  // IBB1
+    {0xFFC00000, 0x380000, 0, 0, 0},  // IBB2
+    {0, 0, 0, 0, 0},                  // IBB3
+    {0xFF240000, 0x80000, 0, 0, 0},   // IBB4
+    {0xFF000000, 0x240000, 0, 0, 0},  // OBB
+    {0xFF2C0000, 0x7C8000, 0, 0, 0},  // OBB2
+    {0xFFF80000, 0x80000, 0, 0, 0},   // OBB3
+}};
+extern UpdateRegionTable mUpdateRegionTable;
 
 HOST_ONLY(void ResetFlashStateForTest();)
