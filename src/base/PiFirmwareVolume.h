@@ -70,6 +70,7 @@ constexpr UINT8 EFI_SECTION_RAW = 0x19;
 constexpr UINT8 EFI_FVH_REVISION = 0x02;
 constexpr UINT8 EFI_FV_FILETYPE_RAW = 0x01;
 constexpr UINT8 EFI_FV_FILETYPE_FREEFORM = 0x02;
+constexpr UINT8 EFI_FV_FILETYPE_FIRMWARE_VOLUME_IMAGE = 0x0B;
 constexpr UINT8 EFI_FV_FILETYPE_FFS_PAD = 0xF0;
 
 // File state bits (erase polarity 1: a bit is "set" when it reads 0).

@@ -11,7 +11,7 @@ typedef EFI_STATUS(EFIAPI *BIOS_READ_IMAGE)(BiosImageInterfaceProtocol *This, UI
 typedef EFI_STATUS(EFIAPI *BIOS_WRITE_IMAGE)(BiosImageInterfaceProtocol *This, VOID *WriteRequest,
                                              VOID *RegionParameters);
 typedef EFI_STATUS(EFIAPI *BIOS_VERIFY_SIGNATURE)(BiosImageInterfaceProtocol *This, VOID *Image, UINTN ImageSize,
-                                                  UINT64 Argument3, UINT64 Argument4);
+                                                  VOID *Signature, UINT64 SignatureSize);
 typedef EFI_STATUS(EFIAPI *BIOS_SET_FLASH_COMPLETION_STATUS)(BiosImageInterfaceProtocol *This, UINT8 Status);
 typedef EFI_STATUS(EFIAPI *BIOS_RESERVED_SERVICE)(BiosImageInterfaceProtocol *This);
 
@@ -39,7 +39,7 @@ EFI_STATUS EFIAPI BiosQueryImage(BiosImageInterfaceProtocol *This, VOID *QueryRe
 EFI_STATUS EFIAPI BiosReadImage(BiosImageInterfaceProtocol *This, UINT64 Unused, VOID **Buffer);
 EFI_STATUS EFIAPI BiosWriteImage(BiosImageInterfaceProtocol *This, VOID *WriteRequest, VOID *RegionParameters);
 EFI_STATUS EFIAPI BiosVerifySignature(BiosImageInterfaceProtocol *This, VOID *Image, UINTN ImageSize,
-                                      UINT64 Argument3, UINT64 Argument4);
+                                      VOID *Signature, UINT64 SignatureSize);
 EFI_STATUS EFIAPI SetFlashCompletionStatus(BiosImageInterfaceProtocol *This, UINT8 Status);
 EFI_STATUS EFIAPI BiosReservedNotReady(BiosImageInterfaceProtocol *This);
 EFI_STATUS EFIAPI BiosReservedUnsupported(BiosImageInterfaceProtocol *This);

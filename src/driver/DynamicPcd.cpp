@@ -36,6 +36,11 @@ UINT64 PcdGet64(const EFI_GUID *TokenSpace, UINTN TokenNumber) {
   return Pcd == nullptr ? 0 : Pcd->Get64(TokenSpace, TokenNumber);
 }
 
+VOID *PcdGetPtr(const EFI_GUID *TokenSpace, UINTN TokenNumber) {
+  EFI_PCD_PROTOCOL *Pcd = PcdProtocol();
+  return Pcd == nullptr ? nullptr : Pcd->GetPtr(TokenSpace, TokenNumber);
+}
+
 #if defined(BIOS_HOST_BUILD)
 void ResetDynamicPcdForTest() { mPcd = nullptr; }
 #endif

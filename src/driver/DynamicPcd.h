@@ -6,5 +6,6 @@
 BOOLEAN PcdGetBool(const EFI_GUID *TokenSpace, UINTN TokenNumber);
 UINT8 PcdGet8(const EFI_GUID *TokenSpace, UINTN TokenNumber);
 UINT64 PcdGet64(const EFI_GUID *TokenSpace, UINTN TokenNumber);
+VOID *PcdGetPtr(const EFI_GUID *TokenSpace, UINTN TokenNumber);
 
 HOST_ONLY(void ResetDynamicPcdForTest();)

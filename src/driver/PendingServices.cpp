@@ -18,17 +18,6 @@ EFI_STATUS EFIAPI BiosWriteImage(BiosImageInterfaceProtocol *This, VOID *WriteRe
   return EFI_UNSUPPORTED;
 }
 
-EFI_STATUS EFIAPI BiosVerifySignature(BiosImageInterfaceProtocol *This, VOID *Image, UINTN ImageSize,
-                                      UINT64 Argument3, UINT64 Argument4) {
-  (void)This;
-  (void)Image;
-  (void)ImageSize;
-  (void)Argument3;
-  (void)Argument4;
-  TRACE("  BiosImageInterfaceProtocol->BiosVerifySignature Entry");
-  return EFI_UNSUPPORTED;
-}
-
 EFI_STATUS EFIAPI SetFlashCompletionStatus(BiosImageInterfaceProtocol *This, UINT8 Status) {
   (void)This;
   TRACE("  BiosImageInterfaceProtocol->SetFlashCompletionStatus Entry [%x]", Status);
