@@ -42,6 +42,11 @@ EFI_STATUS EFIAPI FuzzFreePool(VOID *Buffer) {
   return EFI_SUCCESS;
 }
 
+EFI_STATUS EFIAPI FuzzLocateProtocol(EFI_GUID *, VOID *, VOID **Interface) {
+  *Interface = nullptr;
+  return EFI_NOT_FOUND;  // no PCD protocol: the installed version tag reads as empty
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
@@ -49,6 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
     EFI_BOOT_SERVICES Services{};
     Services.AllocatePool = FuzzAllocatePool;
     Services.FreePool = FuzzFreePool;
+    Services.LocateProtocol = FuzzLocateProtocol;
     return Services;
   }();
   gBS = &BootServices;
