@@ -79,7 +79,7 @@ EFI_STATUS EFIAPI OpenVolume(EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *This, EFI_FILE_PRO
 
 }  // namespace
 
-SimVolume::SimVolume(SimUefi &Sim, const SimVolumeOptions &Options) : Sim_(Sim), Options_(Options) {
+SimVolume::SimVolume(SimUefi &Sim, const SimVolumeOptions &Options) : Options_(Options) {
   Nodes_[u""] = Node{u"", true, {}};
   Media_.MediaId = 1;
   Media_.RemovableMedia = Options.Removable ? TRUE : FALSE;
@@ -96,10 +96,10 @@ SimVolume::SimVolume(SimUefi &Sim, const SimVolumeOptions &Options) : Sim_(Sim),
   FileSystem_.Protocol.Revision = EFI_FILE_IO_INTERFACE_REVISION;
   FileSystem_.Protocol.OpenVolume = OpenVolume;
   FileSystem_.Volume = this;
-  Sim_.Install(&Handle_, gEfiBlockIoProtocolGuid, &BlockIo_);
-  Sim_.Install(&Handle_, gEfiSimpleFileSystemProtocolGuid, &FileSystem_.Protocol);
+  Sim.Install(&Handle_, gEfiBlockIoProtocolGuid, &BlockIo_);
+  Sim.Install(&Handle_, gEfiSimpleFileSystemProtocolGuid, &FileSystem_.Protocol);
   if (Options.SystemPartition) {
-    Sim_.Install(&Handle_, gEfiPartTypeSystemPartGuid, nullptr);  // a marker: no interface, as partition drivers do
+    Sim.Install(&Handle_, gEfiPartTypeSystemPartGuid, nullptr);  // a marker: no interface, as partition drivers do
   }
 }
 

@@ -1,8 +1,9 @@
 // Block devices carrying simple file systems held in memory: each volume is a handle with
 // the Block I/O protocol (its media record says removable or not), the Simple File System
 // protocol and, optionally, the system-partition marker. Files and directories sit behind
-// the UEFI file protocol with FAT's case-insensitive names. Tests read the tree back and
-// inject faults: short read-backs, failing creates, a volume that does not open.
+// the UEFI file protocol with FAT's case-insensitive names (files are read and written;
+// directory listings are not simulated). Tests read the tree back and inject faults: short
+// read-backs, failing creates, a volume that does not open or report its information.
 #pragma once
 #include <cstdint>
 #include <map>
@@ -84,7 +85,6 @@ private:
   FileHandle &NewHandle(const std::u16string &Key, UINT64 Mode);
   static bool Consume(std::map<std::u16string, Fault> &Faults, const std::u16string &Key, Fault &Hit);
 
-  SimUefi &Sim_;
   SimVolumeOptions Options_;
   EFI_HANDLE Handle_ = nullptr;
   EFI_BLOCK_IO_MEDIA Media_{};

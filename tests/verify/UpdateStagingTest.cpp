@@ -35,6 +35,7 @@ struct StagingRow {
   std::function<void(UpdateStaging &)> Arrange;
   std::optional<EFI_STATUS> Expected;  // nullopt: staged, the boot ends at the reset port
 };
+void PrintTo(const StagingRow &Row, std::ostream *Out) { *Out << Row.Name; }
 
 class UpdateStaging : public PlatformFixture, public ::testing::WithParamInterface<StagingRow> {
 public:
