@@ -1,0 +1,317 @@
+// Staging an accepted image on disk: which volumes and folders receive the image and its
+// signature, the read-back retries, the tool flavour from SMBIOS, the failure statuses, and
+// the CMOS mark and reset that end the boot.
+#include <cstring>
+#include <functional>
+#include <optional>
+
+#include "../../emu/host/EmuHostMemory.h"
+#include "../../sim/SimFileSystem.h"
+#include "../../sim/SimSmbios.h"
+#include "../../src/base/Guids.h"
+#include "../../src/driver/DriverState.h"
+#include "../../src/flash/FlashState.h"
+#include "../../src/platform/Cmos.h"
+#include "../../src/verify/UpdateStaging.h"
+#include "../support/PlatformFixture.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+constexpr UINT64 kBit53 = 1ull << 53;
+constexpr UINT64 kBit54 = 1ull << 54;
+const std::u16string kZqTool = u"\\BIOSUpdate\\ZqBiosMgmt.efi";
+const std::u16string kAltTool = u"\\BIOSUpdate\\BiosMgmt.efi";
+
+EFI_STATUS EFIAPI RecordStagedUpdateNotify() {
+  gEmuPlatform->Record("StagedUpdateNotify");
+  return EFI_SUCCESS;
+}
+StagedUpdateNotifyProtocol gNotify = {RecordStagedUpdateNotify};
+
+class UpdateStaging;
+struct StagingRow {
+  const char *Name;
+  std::function<void(UpdateStaging &)> Arrange;
+  std::optional<EFI_STATUS> Expected;  // nullopt: staged, the boot ends at the reset port
+};
+void PrintTo(const StagingRow &Row, std::ostream *Out) { *Out << Row.Name; }
+
+class UpdateStaging : public PlatformFixture, public ::testing::WithParamInterface<StagingRow> {
+public:
+  using PlatformFixture::Sim;
+
+  void SetUp() override {
+    ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+    std::memcpy(mBiosId, "ZQ42A", kBiosIdLength);
+    PublishCmosImage();
+    Platform->OnReset = [](EmuPlatform *) { throw SimResetRequested{EfiResetCold, EFI_SUCCESS}; };
+    Platform->ClearCalls();
+  }
+
+  void AddSmbios(UINT64 Characteristics) {
+    Smbios = std::make_unique<SimSmbios>(Sim);
+    Smbios->AddBiosInformation(Characteristics);
+  }
+  SimVolume &AddVolume(bool Removable, bool SystemPartition, const std::u16string &Label) {
+    Volumes.push_back(std::make_unique<SimVolume>(Sim, SimVolumeOptions{Removable, SystemPartition, Label}));
+    return *Volumes.back();
+  }
+  // A removable "ZQ_TOOLS" volume with the tool under the folders given.
+  SimVolume &AddToolsVolume(std::initializer_list<std::u16string> Folders, const std::u16string &Tool = kZqTool) {
+    SimVolume &Volume = AddVolume(true, false, u"ZQ_TOOLS");
+    for (const std::u16string &Folder : Folders) {
+      Volume.AddFile(Folder + Tool, {0x4D, 0x5A});
+    }
+    return Volume;
+  }
+
+  // The staging call; nullopt when it ended the boot through the reset port.
+  std::optional<EFI_STATUS> Stage() {
+    std::optional<EFI_STATUS> Result;
+    try {
+      Result = StageUpdateFiles(ImageArgument, ImageSize, SignatureArgument, SignatureSize);
+    } catch (const SimResetRequested &) {
+    }
+    for (const auto &Volume : Volumes) {
+      EXPECT_EQ(Volume->OpenHandles(), 0u) << "every file handle is closed";
+    }
+    return Result;
+  }
+
+  // A valid CmosToRom image named by its variable, so that the mirrored CMOS write happens.
+  void PublishCmosImage() {
+    CmosImage = static_cast<UINT8 *>(EmuHostAllocateBelow4G(kCmosImageSize));
+    std::memset(CmosImage, 0, kCmosImageSize);
+    UINT16 Checksum = CmosImageChecksum(CmosImage, 1);
+    CmosImage[kBank1ChecksumOffset] = static_cast<UINT8>(Checksum);
+    CmosImage[kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
+    auto Address = static_cast<UINT32>(reinterpret_cast<UINTN>(CmosImage));
+    Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
+  }
+
+  std::vector<std::string> CallNames() const {
+    std::vector<std::string> Names;
+    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
+      Names.push_back(Platform->Calls[Index].Name);
+    }
+    return Names;
+  }
+  bool ResetPortWritten() const {
+    const EmuPortAccess &Last = Platform->PortLog[Platform->PortLogCount - 1];
+    return Platform->ResetCount == 1 && Last.Port == 0xCF9 && Last.Write && Last.Value == 0x0E;
+  }
+
+  Bytes Image = Bytes(3000, 0xA5);
+  Bytes Signature = Bytes(256, 0x5A);
+  const VOID *ImageArgument = Image.data();
+  UINT64 ImageSize = Image.size();
+  const VOID *SignatureArgument = Signature.data();
+  UINT64 SignatureSize = Signature.size();
+  UINT8 *CmosImage = nullptr;
+  std::unique_ptr<SimSmbios> Smbios;
+  std::vector<std::unique_ptr<SimVolume>> Volumes;
+};
+
+TEST_F(UpdateStaging, ToolsVolumeGetsBothFilesInEachToolFolderThenTheBootEndsAtTheResetPort) {
+  AddSmbios(0);
+  SimVolume &Tools = AddToolsVolume({u"ZQ", u"QUILLOR-TANDEMS", u"EFI\\ZQ"});
+  Tools.AddDirectory(u"EFI\\ZQ\\BIOS\\New");
+  Tools.AddFile(u"ZQ\\BIOS\\New\\ZQ42A.bin", Bytes(5000, 0x11));  // stale and longer
+  SimVolume &Fixed = AddVolume(false, false, u"DATA");            // no class: written only where BIOS\New is
+  Fixed.AddDirectory(u"ZQ\\BIOS\\New");
+
+  EXPECT_EQ(Stage(), std::nullopt);
+
+  EXPECT_EQ(Tools.Files(), (std::map<std::u16string, Bytes>{
+                               {u"EFI\\ZQ" + kZqTool, {0x4D, 0x5A}},
+                               {u"QUILLOR-TANDEMS\\BIOS\\New\\ZQ42A.bin", Image},
+                               {u"QUILLOR-TANDEMS\\BIOS\\New\\ZQ42A.sig", Signature},
+                               {u"QUILLOR-TANDEMS" + kZqTool, {0x4D, 0x5A}},
+                               {u"ZQ\\BIOS\\New\\ZQ42A.bin", Image},
+                               {u"ZQ\\BIOS\\New\\ZQ42A.sig", Signature},
+                               {u"ZQ" + kZqTool, {0x4D, 0x5A}},
+                           }));
+  EXPECT_EQ(Tools.Deletes(), 1u) << "only the stale image was deleted";
+  EXPECT_EQ(Fixed.Files().size(), 2u);
+  EXPECT_EQ(Fixed.Files()[u"ZQ\\BIOS\\New\\ZQ42A.sig"], Signature);
+  EXPECT_EQ(Platform->ExtendedCmos[kStagedUpdateCmosIndex], 1);
+  EXPECT_EQ(CmosImage[256 + kStagedUpdateCmosIndex], 1);
+  EXPECT_TRUE(ResetPortWritten());
+  EXPECT_EQ(CallNames().back(), "FlashServiceMember51C");
+  EXPECT_EQ(Platform->Calls[Platform->CallCount - 1].Arguments[0], 0u);
+  EXPECT_EQ(Platform->CountCalls("StagedUpdateNotify"), 0u);
+}
+
+TEST_F(UpdateStaging, SystemPartitionGetsFilesInEfiZqOnlyAndThePlatformIsNotified) {
+  AddSmbios(0);
+  EFI_HANDLE Handle = nullptr;
+  Sim.Install(&Handle, gStagedUpdateNotifyProtocolGuid, &gNotify);
+  SimVolume &Usb = AddVolume(true, true, u"USB STICK");  // removable, another label, marked
+  Usb.AddFile(u"EFI\\ZQ" + kZqTool, {1});
+  Usb.AddFile(u"ZQ" + kZqTool, {1});  // not a candidate on this volume
+
+  EXPECT_EQ(Stage(), std::nullopt);
+
+  EXPECT_EQ(Usb.Directories(), (std::vector<std::u16string>{u"EFI", u"EFI\\ZQ", u"EFI\\ZQ\\BIOS", u"EFI\\ZQ\\BIOSUpdate",
+                                                            u"EFI\\ZQ\\BIOS\\New", u"ZQ", u"ZQ\\BIOSUpdate"}));
+  EXPECT_EQ(Usb.Files()[u"EFI\\ZQ\\BIOS\\New\\ZQ42A.bin"], Image);
+  EXPECT_EQ(Usb.Files()[u"EFI\\ZQ\\BIOS\\New\\ZQ42A.sig"], Signature);
+  EXPECT_EQ(CallNames(), (std::vector<std::string>{"FlashDeviceWrite", "StagedUpdateNotify", "FlashServiceMember51C"}))
+      << "the CMOS mark (its journal record), the notification, the platform member, then the reset";
+  EXPECT_TRUE(ResetPortWritten());
+}
+
+TEST_F(UpdateStaging, FileNamesComeFromTheBiosIdUpToItsFirstZeroByte) {
+  AddSmbios(0);
+  SimVolume &Tools = AddToolsVolume({u"ZQ"});
+  const std::pair<Bytes, std::u16string> Cases[] = {
+      {{0, 0, 0, 0, 0}, u""}, {{'A', 'B', 0, 'C', 'D'}, u"AB"}, {{'Z', 'Q', '4', '2', 'B'}, u"ZQ42B"}};
+  for (const auto &[Id, Name] : Cases) {
+    std::memcpy(mBiosId, Id.data(), kBiosIdLength);
+    EXPECT_EQ(Stage(), std::nullopt);
+    EXPECT_EQ(Tools.Files()[u"ZQ\\BIOS\\New\\" + Name + u".bin"], Image);
+    EXPECT_EQ(Tools.Files()[u"ZQ\\BIOS\\New\\" + Name + u".sig"], Signature);
+  }
+}
+
+TEST_F(UpdateStaging, DirectoryPathCreatesEachMissingLevelAndStopsAtTheFirstFailure) {
+  SimVolume &Volume = AddVolume(false, false, u"");
+  Volume.AddDirectory(u"A");
+  EFI_FILE_PROTOCOL *Root = nullptr;
+  auto *FileSystem = static_cast<EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *>(
+      Sim.InterfaceOn(Volume.Handle(), gEfiSimpleFileSystemProtocolGuid));
+  ASSERT_EQ(FileSystem->OpenVolume(FileSystem, &Root), EFI_SUCCESS);
+  Volume.FailCreate(u"A\\B\\C\\D", EFI_VOLUME_FULL, 1);
+
+  EXPECT_EQ(CreateDirectoryPath(Root, reinterpret_cast<const CHAR16 *>(u"A\\B\\C\\D")), EFI_VOLUME_FULL);
+  EXPECT_EQ(Volume.Directories(), (std::vector<std::u16string>{u"A", u"A\\B", u"A\\B\\C"}));
+  EXPECT_EQ(CreateDirectoryPath(Root, reinterpret_cast<const CHAR16 *>(u"A\\B\\C\\D")), EFI_SUCCESS);
+  EXPECT_EQ(CreateDirectoryPath(Root, reinterpret_cast<const CHAR16 *>(u"a\\b")), EFI_SUCCESS) << "exists";
+  EXPECT_EQ(Volume.Directories(), (std::vector<std::u16string>{u"A", u"A\\B", u"A\\B\\C", u"A\\B\\C\\D"}));
+  Root->Close(Root);
+  EXPECT_EQ(Volume.OpenHandles(), 0u);
+}
+
+TEST_P(UpdateStaging, Outcome) {
+  const StagingRow &Row = GetParam();
+  Row.Arrange(*this);
+  std::optional<EFI_STATUS> Result = Stage();
+  EXPECT_EQ(Result, Row.Expected);
+  if (Row.Expected.has_value()) {
+    EXPECT_EQ(Platform->ResetCount, 0u);
+    EXPECT_EQ(Platform->ExtendedCmos[kStagedUpdateCmosIndex], 0);
+    EXPECT_EQ(Platform->CountCalls("FlashServiceMember51C"), 0u);
+  } else {
+    EXPECT_TRUE(ResetPortWritten());
+    for (const auto &Volume : Volumes) {
+      for (const auto &[Path, Content] : Volume->Files()) {
+        EXPECT_TRUE(Content == Image || Content == Signature || Content.size() < 8) << "every staged file is intact";
+      }
+    }
+  }
+}
+
+// Tool at ZQ\<Tool> on a tools volume, SMBIOS characteristics as given.
+std::function<void(UpdateStaging &)> ToolWith(UINT64 Characteristics, std::u16string Tool) {
+  return [=](UpdateStaging &Test) {
+    Test.AddSmbios(Characteristics);
+    Test.AddToolsVolume({u"ZQ"}, Tool);
+  };
+}
+std::function<void(UpdateStaging &)> Plain(std::function<void(UpdateStaging &, SimVolume &)> Then) {
+  return [=](UpdateStaging &Test) {
+    Test.AddSmbios(0);
+    Then(Test, Test.AddToolsVolume({u"ZQ"}));
+  };
+}
+
+const StagingRow kRows[] = {
+    // The tool's flavour from the BIOS Information characteristics.
+    {"Bit54AlonePicksBiosMgmt", ToolWith(kBit54, kAltTool), std::nullopt},
+    {"Bit54AloneDoesNotFindZqBiosMgmt", ToolWith(kBit54, kZqTool), EFI_NO_MEDIA},
+    {"Bits53And54PickZqBiosMgmt", ToolWith(kBit53 | kBit54, kZqTool), std::nullopt},
+    {"Bit57AloneIsFlavour0x10Too", ToolWith(1ull << 57, kAltTool), std::nullopt},
+    {"Bit52IsNotAFlavourBit", ToolWith((1ull << 52) | kBit54, kAltTool), std::nullopt},
+    {"FirstRecordNotBiosInformation",
+     [](UpdateStaging &Test) {
+       Test.Smbios = std::make_unique<SimSmbios>(Test.Sim);
+       Test.Smbios->AddRecord(Bytes{1, 0x1B, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+       Test.Smbios->AddBiosInformation(kBit54);
+       Test.AddToolsVolume({u"ZQ"}, kZqTool);
+     },
+     std::nullopt},
+    // Volume classes.
+    {"RemovableOtherLabelMarkedUsesEfiZq",
+     [](UpdateStaging &Test) {
+       Test.AddSmbios(0);
+       Test.AddVolume(true, true, u"ZQ_TOOLS2").AddFile(u"EFI\\ZQ" + kZqTool, {1});
+     },
+     std::nullopt},
+    {"RemovableOtherLabelUnmarkedIsPassedOver",
+     [](UpdateStaging &Test) {
+       Test.AddSmbios(0);
+       Test.AddVolume(true, false, u"ZQ_TOOL").AddFile(u"ZQ" + kZqTool, {1});
+     },
+     EFI_NO_MEDIA},
+    {"FixedDiskLabelledZqToolsIsNoToolsVolume",
+     [](UpdateStaging &Test) {
+       Test.AddSmbios(0);
+       Test.AddVolume(false, false, u"ZQ_TOOLS").AddFile(u"ZQ" + kZqTool, {1});
+     },
+     EFI_NO_MEDIA},
+    {"ToolsVolumeNeverSearchesEfiZq",
+     [](UpdateStaging &Test) {
+       Test.AddSmbios(0);
+       Test.AddToolsVolume({u"EFI\\ZQ"});
+     },
+     EFI_NO_MEDIA},
+    {"UnreadableVolumesArePassedOver",
+     [](UpdateStaging &Test) {
+       Test.AddSmbios(0);
+       Test.AddToolsVolume({u"ZQ"}).FailOpenVolume(EFI_DEVICE_ERROR);
+       Test.AddToolsVolume({u"ZQ"}).FailFileSystemInfo(EFI_DEVICE_ERROR);
+     },
+     EFI_NO_MEDIA},
+    // Directory creation and write-and-check retries.
+    {"DirectoryCreatedOnTheFourthAttempt",
+     Plain([](UpdateStaging &, SimVolume &Volume) { Volume.FailCreate(u"ZQ\\BIOS", EFI_WRITE_PROTECTED, 3); }),
+     std::nullopt},
+    {"DirectoryFailingFourTimesEndsWithItsStatus",
+     Plain([](UpdateStaging &, SimVolume &Volume) { Volume.FailCreate(u"ZQ\\BIOS\\New", EFI_WRITE_PROTECTED, 4); }),
+     EFI_WRITE_PROTECTED},
+    {"ThreeShortReadBacksAreWrittenAgain",
+     Plain([](UpdateStaging &, SimVolume &Volume) { Volume.ReadShort(u"ZQ\\BIOS\\New\\ZQ42A.bin", 1, 3); }),
+     std::nullopt},
+    {"FourShortReadBacksLeaveTheVolumeUnstaged",
+     Plain([](UpdateStaging &, SimVolume &Volume) { Volume.ReadShort(u"ZQ\\BIOS\\New\\ZQ42A.sig", 1, 4); }),
+     EFI_ACCESS_DENIED},
+    {"FileCreateFailingFourTimes",
+     Plain([](UpdateStaging &, SimVolume &Volume) { Volume.FailCreate(u"ZQ\\BIOS\\New\\ZQ42A.bin", EFI_VOLUME_FULL, 4); }),
+     EFI_ACCESS_DENIED},
+    {"LastCandidateDecidesTheVolume",
+     [](UpdateStaging &Test) {
+       Test.AddSmbios(0);
+       Test.AddToolsVolume({u"ZQ", u"QUILLOR-TANDEMS"}).ReadShort(u"QUILLOR-TANDEMS\\BIOS\\New\\ZQ42A.bin", 2);
+     },
+     EFI_ACCESS_DENIED},
+    // Failures before any volume is touched.
+    {"NullImage", Plain([](UpdateStaging &Test, SimVolume &) { Test.ImageArgument = nullptr; }), EFI_INVALID_PARAMETER},
+    {"NullSignature", Plain([](UpdateStaging &Test, SimVolume &) { Test.SignatureArgument = nullptr; }),
+     EFI_INVALID_PARAMETER},
+    {"EmptyImage", Plain([](UpdateStaging &Test, SimVolume &) { Test.ImageSize = 0; }), EFI_INVALID_PARAMETER},
+    {"EmptySignature", Plain([](UpdateStaging &Test, SimVolume &) { Test.SignatureSize = 0; }), EFI_INVALID_PARAMETER},
+    {"NoSmbios", [](UpdateStaging &Test) { Test.AddToolsVolume({u"ZQ"}); }, EFI_NOT_READY},
+    {"SmbiosWalkFails", Plain([](UpdateStaging &Test, SimVolume &) { Test.Smbios->FailGetNext(EFI_NOT_FOUND); }),
+     EFI_UNSUPPORTED},
+    {"NoBlockDevices", [](UpdateStaging &Test) { Test.AddSmbios(0); }, EFI_UNSUPPORTED},
+    {"NoPoolForTheInformationBuffer",
+     Plain([](UpdateStaging &Test, SimVolume &) { Test.Sim.FailAllocationAfter(2); }), EFI_BUFFER_TOO_SMALL},
+    {"NoPoolForTheIdBuffer",
+     Plain([](UpdateStaging &Test, SimVolume &) { Test.Sim.FailAllocationAfter(6); }), EFI_BUFFER_TOO_SMALL},
+};
+
+INSTANTIATE_TEST_SUITE_P(Rows, UpdateStaging, ::testing::ValuesIn(kRows),
+                         [](const ::testing::TestParamInfo<StagingRow> &Info) { return std::string(Info.param.Name); });
+
+}  // namespace
