@@ -11,6 +11,8 @@
 #include "EmuSoc.h"
 #include "EmuHub.h"
 #include "EmuSettings.h"
+#include "EmuUpdateLayout.h"
+#include "EmuUpdateLog.h"
 
 struct EmuPortAccess {
   UINT16 Port;
@@ -141,6 +143,8 @@ public:
   UpdateLogProtocol *UpdateLog = nullptr;
   UINT8 *UpdateStatusBlock = nullptr;  // what the configuration block points to at 0xED
   EmuSettings Settings;                // setup data, security setup and the SMM settings services
+  EmuUpdateLayout UpdateLayout = kDefaultEmuUpdateLayout;  // what GetUpdateLayout reports
+  EmuUpdateLog UpdateLogStore;  // the update log's records and its non-volatile progress code
 
   // Values the platform's dynamic PCDs answer.
   BOOLEAN PcdBootBlockUpdateEnabled = TRUE;

@@ -132,11 +132,15 @@ EFI_STATUS EFIAPI ConfigCompletion2() {
   return EFI_SUCCESS;
 }
 
-// Placeholder until the emulated layout query answers from the image's own layout.
-EFI_STATUS EFIAPI ConfigGetUpdateLayout(const VOID *Image, UINT64 ImageSize, UINT64 *, UINT64 *, UINT64 *, UINT64 *,
-                                        UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *) {
+// Answers from the layout of the image handed over (the platform's image layout).
+EFI_STATUS EFIAPI ConfigGetUpdateLayout(const VOID *Image, UINT64 ImageSize, UINT64 *Source0, UINT64 *Source1,
+                                        UINT64 *Source2, UINT64 *Source3, UINT64 *Ibb1Offset, UINT64 *Ibb1Size,
+                                        UINT64 *Ibb2Offset, UINT64 *Ibb2Size, UINT64 *Ibb3Offset, UINT64 *Ibb3Size,
+                                        UINT64 *Ibb4Offset, UINT64 *Ibb4Size) {
   P().Record("GetUpdateLayout", Ptr(Image), ImageSize);
-  return EFI_UNSUPPORTED;
+  UINT64 *Sources[4] = {Source0, Source1, Source2, Source3};
+  UINT64 *Values[8] = {Ibb1Offset, Ibb1Size, Ibb2Offset, Ibb2Size, Ibb3Offset, Ibb3Size, Ibb4Offset, Ibb4Size};
+  return P().UpdateLayout.Answer(P().Layout, Image, ImageSize, Sources, Values);
 }
 
 // ---- Boot-block handler and update log ---------------------------------------------------
@@ -152,7 +156,7 @@ EFI_STATUS EFIAPI BootBlockHandleMarker() {
 
 EFI_STATUS EFIAPI UpdateLogWriteRecord(UpdateLogProtocol *This, UINT32 RecordType, UINT64 Length, const VOID *Data) {
   P().Record("UpdateLogWriteRecord", Ptr(This), RecordType, Length, Ptr(Data));
-  return EFI_SUCCESS;
+  return P().UpdateLogStore.Write(RecordType, Length, Data);
 }
 
 EFI_STATUS Install(EFI_BOOT_SERVICES *BootServices, const EFI_GUID &Guid, VOID *Interface) {
