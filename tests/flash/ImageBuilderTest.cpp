@@ -75,7 +75,8 @@ TEST(ImageBuilder, DefaultImageVolumesParseAndRecoveryCopiesMatchTheirOriginals)
   } Volumes[] = {{"OBB", &gEfiFirmwareFileSystem3Guid, 4},
                  {"DXE", &gEfiFirmwareFileSystem2Guid, 6},
                  {"IBB1", &gEfiFirmwareFileSystem2Guid, 6},
-                 {"NvStorage", &gEfiSystemNvDataFvGuid, 0}};
+                 {"IBB2", &gEfiFirmwareFileSystem2Guid, 4},
+                 {"IBB4", &gEfiFirmwareFileSystem2Guid, 2}};
   for (const auto &Volume : Volumes) {
     const ImageBuilder::Region *Region = Image.FindRegion(Volume.Name);
     ASSERT_NE(Region, nullptr) << Volume.Name;
