@@ -102,3 +102,6 @@ extern const EFI_GUID gUpdateAuthorizedHobGuid;
 extern const EFI_GUID gUpdateLogProtocolGuid;
 extern const EFI_GUID gUpdateResumeHobGuid;
 extern const EFI_GUID gVariableStoreBackupAreaGuid;
+extern const EFI_GUID gEfiGlobalVariableVendorGuid;
+extern const EFI_GUID gEfiImageSecurityDatabaseGuid;
+extern const EFI_GUID gFlashMapCopyAreaGuid;

@@ -4,11 +4,20 @@
 #include <stdexcept>
 
 #include "../../src/flash/BiosIdRecord.h"
+#include "../../tools/lib/DefaultImageLayout.h"
+#include "../../tools/lib/FlashMapBuilder.h"
+#include "../../tools/lib/NewImageBuilder.h"
 #include "FlashFixture.h"
 
 namespace {
 
 using namespace EmuFlashLayout;
+
+uint32_t Get32(const uint8_t *Bytes, size_t At) {
+  uint32_t Value;
+  memcpy(&Value, Bytes + At, sizeof(Value));
+  return Value;
+}
 
 uint8_t Sum8(const uint8_t *Bytes, size_t Length) {
   uint8_t Sum = 0;
@@ -75,7 +84,8 @@ TEST(ImageBuilder, DefaultImageVolumesParseAndRecoveryCopiesMatchTheirOriginals)
   } Volumes[] = {{"OBB", &gEfiFirmwareFileSystem3Guid, 4},
                  {"DXE", &gEfiFirmwareFileSystem2Guid, 6},
                  {"IBB1", &gEfiFirmwareFileSystem2Guid, 6},
-                 {"NvStorage", &gEfiSystemNvDataFvGuid, 0}};
+                 {"IBB2", &gEfiFirmwareFileSystem2Guid, 4},
+                 {"IBB4", &gEfiFirmwareFileSystem2Guid, 2}};
   for (const auto &Volume : Volumes) {
     const ImageBuilder::Region *Region = Image.FindRegion(Volume.Name);
     ASSERT_NE(Region, nullptr) << Volume.Name;
@@ -135,6 +145,55 @@ TEST(ImageBuilder, AlignedFileDataGetsAPadFileInFront) {
   EXPECT_EQ(Files, 3u) << "two files and the pad between them";
   const std::vector<uint8_t> Huge(0x2000, 0);
   EXPECT_THROW(Volume.AddFile(GeneratedFileName(3), EFI_FV_FILETYPE_RAW, Huge), std::length_error);
+}
+
+TEST(ImageBuilder, SignatureStructuresSitWhereTheScansFindThemAndTheNewImageStaysConsistent) {
+  using namespace DefaultImageLayout;
+  const std::vector<uint8_t> &Image = DefaultImage();
+  auto Word = [&](size_t At) { return Get32(Image.data(), At); };
+  std::vector<size_t> Maps, Versions;
+  for (size_t At = 0; At + 4096 <= Image.size(); At += 4096) {
+    if (Word(At) == kFlashMapSignature) Maps.push_back(At);
+    if (std::memcmp(Image.data() + At, "$BVDT", 5) == 0) Versions.push_back(At);
+  }
+  EXPECT_EQ(Maps, std::vector<size_t>{kDefaultFlashMapAddress - kMappedBase}) << "one map, not at offset 0";
+  ASSERT_EQ(Versions, std::vector<size_t>{kVersionRecordAddress - kMappedBase});
+  EXPECT_EQ(Image[Versions[0] + 14], 'E');
+  const size_t Record = kMapSignatureAreaAddress - kMappedBase;
+  EXPECT_EQ(std::memcmp(Image.data() + Record, &gQfdmSignatureRecordGuid, 16), 0);
+  EXPECT_EQ(Word(Record + 24) & 0xFFFFFF, 260u);
+  // The signature check reads Z1 at O1, 2 x Z2 at O2, Z3 + Z4 at O3, Z5 at O5.
+  const auto &R = kSignedRegions;
+  const std::pair<uint32_t, uint32_t> Reads[] = {{R[0].Address, R[0].Size}, {R[1].Address, 2 * R[1].Size},
+                                                 {R[2].Address, R[2].Size + R[3].Size}, {R[4].Address, R[4].Size}};
+  for (const auto &[Address, Size] : Reads) {
+    EXPECT_LE(uint64_t{Address} - kMappedBase + Size, Image.size());
+    EXPECT_TRUE(Address >= kSignatureExcludedAddress + kSignatureExcludedSize ||
+                Address + Size <= kSignatureExcludedAddress);
+    EXPECT_TRUE(Address >= kMapSignatureAreaAddress + kMapSignatureAreaSize || Address + Size <= kMapSignatureAreaAddress);
+  }
+  const auto Excluded = std::span(Image).subspan(kSignatureExcludedAddress - kMappedBase, kSignatureExcludedSize);
+  EXPECT_TRUE(std::all_of(Excluded.begin(), Excluded.end(), [](uint8_t Byte) { return Byte == 0xFF; }));
+
+  NewImageOptions Options;
+  Options.ChangedRegions = {"DXE", "IBB1"};
+  Options.Base.VersionFamily = 'F';
+  std::memcpy(Options.Base.BiosId, "ZQ42B", kBiosIdLength);
+  const NewImage New = BuildNewImage(Options);
+  const size_t Expected = (kDxeFvSize + kIbb1Size) / 4096 / 10;
+  EXPECT_GE(New.ChangedSectors, Expected + kIbb1Size / 4096 / 10) << "the IBB1 changes reach its recovery copy";
+  EXPECT_LE(New.ChangedSectors, 2 * (Expected + 2));
+  EXPECT_EQ(New.Bytes[kVersionRecordAddress - kMappedBase + 14], 'F');
+  for (const auto &[Address, Size] : {std::pair{kDxeFvAddress, kDxeFvSize}, {kIbb1Address, kIbb1Size}}) {
+    size_t Files = 0;
+    EXPECT_EQ(CheckVolume(std::span(New.Bytes).subspan(Address - kMappedBase, Size), gEfiFirmwareFileSystem2Guid, Files),
+              "");
+  }
+  EXPECT_TRUE(std::equal(New.Bytes.begin() + (kIbb1Address - kMappedBase), New.Bytes.begin() + (kIbb1Address - kMappedBase) + kIbb1Size,
+                         New.Bytes.begin() + (kRecoveryBase - kMappedBase)));
+  UINT8 Id[kBiosIdLength] = {};
+  ASSERT_TRUE(FindBiosId(ByteView(New.Bytes.data() + (kBiosIdAreaAddress - kMappedBase), kBiosIdAreaSize), Id));
+  EXPECT_EQ(std::memcmp(Id, "ZQ42B", kBiosIdLength), 0);
 }
 
 class ImageBuilderLoad : public FlashFixture {};

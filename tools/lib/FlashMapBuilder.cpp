@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "../../src/base/Guids.h"
+#include "DefaultImageLayout.h"
 
 namespace {
 // The header field the driver does not read carries the byte that makes the sum 0.
@@ -13,15 +14,31 @@ FlashMapBuilder &FlashMapBuilder::AddNamed(const EFI_GUID &Name, UINT64 Offset, 
   return Add({gFlashMapNamedAreaGuid, Name, Offset, Size, 0});
 }
 
-FlashMapBuilder DefaultFlashMap() {
-  constexpr UINT64 kFlashBase = 0xFF000000;
-  constexpr UINT64 kVariableStore = 0xFF14A000, kVariableStoreSize = 0x30000;
-  constexpr UINT64 kVariableBackup = 0xFF17C000, kVariableBackupSize = 0x32000;
+FlashMapBuilder DefaultFlashMap(UINT64 ImageHead) {
+  using namespace DefaultImageLayout;
+  constexpr UINT64 kFlashBase = kMappedBase;
+  const EFI_GUID *const kRegionGuids[5] = {&gSignedRegion1Guid, &gSignedRegion2Guid, &gSignedRegion3Guid,
+                                           &gSignedRegion4Guid, &gSignedRegion5Guid};
   FlashMapBuilder Map(kFlashBase);
-  Map.Add({gNvVariableStoreRegionGuid, gEfiSystemNvDataFvGuid, kVariableStore - kFlashBase, kVariableStoreSize, 0})
-      .AddNamed(gNvVariableStoreRegionGuid, kVariableStore - kFlashBase, kVariableStoreSize)
-      .Add({gVariableStoreBackupAreaGuid, gVariableStoreBackupAreaGuid, kVariableBackup - kFlashBase,
-            kVariableBackupSize, 0});
+  Map.Add({gNvVariableStoreRegionGuid, gEfiSystemNvDataFvGuid, kVariableStoreAddress - kFlashBase,
+           kVariableStoreSize, 0})
+      .AddNamed(gNvVariableStoreRegionGuid, kVariableStoreAddress - kFlashBase, kVariableStoreSize)
+      .Add({gVariableStoreBackupAreaGuid, gVariableStoreBackupAreaGuid, kVariableBackupAddress - kFlashBase,
+            kVariableBackupSize, 0})
+      .Add({gFlashMapCopyAreaGuid, gFlashMapCopyAreaGuid, kDefaultFlashMapAddress - kFlashBase,
+            kDefaultFlashMapRegionSize, 0})
+      .Add({gQfdmSignatureEntryGuid, gQfdmSignatureEntryTypeGuid, ImageHead + kMapSignatureAreaAddress - kFlashBase,
+            kMapSignatureAreaSize, 0});
+  // The signature check finds these entries by a byte scan for their GUIDs, so the GUID
+  // appears once per entry (the name stays zero).
+  for (size_t Index = 0; Index < 5; Index++) {
+    Map.Add({*kRegionGuids[Index], EFI_GUID{}, ImageHead + kSignedRegions[Index].Address - kFlashBase,
+             kSignedRegions[Index].Size, 0});
+  }
+  Map.Add({gEcFirmwareRegionGuid, gEcFirmwareRegionGuid, kEcFirmwareAddress - kFlashBase, kEcFirmwareSize, 0})
+      .Add({gAuthVarDigestAreaGuid, gAuthVarDigestAreaGuid, kDigestArea1Address - kFlashBase, kDigestArea1Size, 0})
+      .Add({gAuthVarDigestArea2Guid, gAuthVarDigestArea2Guid, kDigestArea2Address - kFlashBase, kDigestArea2Size, 0})
+      .Add({gAuthVarDigestArea3Guid, gAuthVarDigestArea3Guid, kDigestArea3Address - kFlashBase, kDigestArea3Size, 0});
   return Map;
 }
 

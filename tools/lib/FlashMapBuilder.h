@@ -45,10 +45,13 @@ private:
 // copy PCD, naming the areas by flash offset from BaseAddress = PcdFlashBase.
 constexpr UINT32 kDefaultFlashMapAddress = 0xFF0EA000;
 constexpr UINT32 kDefaultFlashMapRegionSize = 0x1000;
-// Areas: the live variable store (type gNvVariableStoreRegionGuid, and a named area of that
-// name) and the variable-store backup (type gVariableStoreBackupAreaGuid). Builders of other
-// structures may Add their own areas before Build().
-FlashMapBuilder DefaultFlashMap();
+// Areas, by flash offset: the live variable store (type gNvVariableStoreRegionGuid, and a
+// named area of that name), the variable-store backup (type gVariableStoreBackupAreaGuid), the
+// map's own copy, the EC firmware and the three authenticated-variable digest areas. The
+// entries the signature check reads by image offset (the signature area, the five signed
+// regions) add ImageHead, the bytes of the EC and lower parts in front of the mapped part.
+// Builders of other structures may Add their own areas before Build().
+FlashMapBuilder DefaultFlashMap(UINT64 ImageHead = 0);
 
 // Field access on built bytes, for tests that bend a header.
 void SetFlashMapField32(std::vector<uint8_t> &Map, size_t Offset, UINT32 Value);

@@ -5,7 +5,9 @@
 
 #include "../../src/base/Guids.h"
 #include "../../src/flash/BiosIdRecord.h"
+#include "DefaultImageLayout.h"
 #include "FlashMapBuilder.h"
+#include "VariableStoreBuilder.h"
 
 namespace {
 
@@ -63,24 +65,25 @@ uint32_t FirmwareVolumeBuilder::HeaderLength() const {
   return sizeof(EFI_FIRMWARE_VOLUME_HEADER) + sizeof(EFI_FV_BLOCK_MAP_ENTRY);  // one map entry and its end
 }
 
-void FirmwareVolumeBuilder::AppendFile(const EFI_GUID &Name, uint8_t Type, std::span<const uint8_t> Data) {
+void FirmwareVolumeBuilder::AppendFile(const EFI_GUID &Name, uint8_t Type, std::span<const uint8_t> Data,
+                                       bool DataChecksum) {
   const uint32_t Start = AlignUp(Next_, kFileAlignment);
   const uint64_t FileSize = sizeof(EFI_FFS_FILE_HEADER) + Data.size();
   if (FileSize > kMaxSmallFileSize || Start > Size() || FileSize > Size() - Start) {
     throw std::length_error("file does not fit in the firmware volume");
   }
-  const bool IsPad = Type == EFI_FV_FILETYPE_FFS_PAD;
+  const bool FixedChecksum = Type == EFI_FV_FILETYPE_FFS_PAD || !DataChecksum;
   EFI_FFS_FILE_HEADER Header = {};
   Header.Name = Name;
   Header.Type = Type;
-  Header.Attributes = IsPad ? 0 : FFS_ATTRIB_CHECKSUM;
+  Header.Attributes = FixedChecksum ? 0 : FFS_ATTRIB_CHECKSUM;
   Header.Size[0] = static_cast<uint8_t>(FileSize);
   Header.Size[1] = static_cast<uint8_t>(FileSize >> 8);
   Header.Size[2] = static_cast<uint8_t>(FileSize >> 16);
   // The header sums to zero with State and the file checksum taken as zero.
   const uint8_t HeaderSum = Sum8(reinterpret_cast<const uint8_t *>(&Header), sizeof(Header));
   Header.HeaderChecksum = static_cast<uint8_t>(0x100 - HeaderSum);
-  Header.FileChecksum = IsPad ? FFS_FIXED_CHECKSUM : static_cast<uint8_t>(0x100 - Sum8(Data.data(), Data.size()));
+  Header.FileChecksum = FixedChecksum ? FFS_FIXED_CHECKSUM : static_cast<uint8_t>(0x100 - Sum8(Data.data(), Data.size()));
   Header.State = kFileStateValid;
   std::memcpy(Bytes_.data() + Start, &Header, sizeof(Header));
   if (!Data.empty()) {
@@ -91,7 +94,8 @@ void FirmwareVolumeBuilder::AppendFile(const EFI_GUID &Name, uint8_t Type, std::
 }
 
 FirmwareVolumeBuilder &FirmwareVolumeBuilder::AddFile(const EFI_GUID &Name, uint8_t Type,
-                                                      std::span<const uint8_t> Data, uint32_t DataAlignment) {
+                                                      std::span<const uint8_t> Data, uint32_t DataAlignment,
+                                                      bool DataChecksum) {
   if (DataAlignment < kFileAlignment || (DataAlignment & (DataAlignment - 1)) != 0) {
     throw std::invalid_argument("data alignment must be a power of two of at least 8");
   }
@@ -105,22 +109,23 @@ FirmwareVolumeBuilder &FirmwareVolumeBuilder::AddFile(const EFI_GUID &Name, uint
     }
     PadTo(Start + Pad);
   }
-  AppendFile(Name, Type, Data);
+  AppendFile(Name, Type, Data, DataChecksum);
   return *this;
 }
 
 FirmwareVolumeBuilder &FirmwareVolumeBuilder::AddRawSectionFile(const EFI_GUID &Name, uint8_t Type,
-                                                                std::span<const uint8_t> Payload) {
+                                                                std::span<const uint8_t> Payload, bool DataChecksum,
+                                                                uint8_t SectionType) {
   const size_t SectionSize = sizeof(EFI_COMMON_SECTION_HEADER) + Payload.size();
   std::vector<uint8_t> Section(SectionSize);
   Section[0] = static_cast<uint8_t>(SectionSize);
   Section[1] = static_cast<uint8_t>(SectionSize >> 8);
   Section[2] = static_cast<uint8_t>(SectionSize >> 16);
-  Section[3] = EFI_SECTION_RAW;
+  Section[3] = SectionType;
   if (!Payload.empty()) {
     std::memcpy(Section.data() + sizeof(EFI_COMMON_SECTION_HEADER), Payload.data(), Payload.size());
   }
-  return AddFile(Name, Type, Section);
+  return AddFile(Name, Type, Section, kFileAlignment, DataChecksum);
 }
 
 FirmwareVolumeBuilder &FirmwareVolumeBuilder::PadTo(uint32_t Offset) {
@@ -263,23 +268,75 @@ void AddGeneratedFiles(FirmwareVolumeBuilder &Volume, std::span<const GeneratedF
 
 }  // namespace
 
-ImageBuilder BuildDefaultImage(const DefaultImageOptions &Options) {
+std::vector<uint8_t> VersionRecordBytes(char VersionFamily) {
+  // "$BVDT", a record revision, the platform and version text with the family at 14.
+  static constexpr char kRecord[] = "$BVDT\x01ZQ42A107?.2024.0102";
+  std::vector<uint8_t> Bytes(kRecord, kRecord + sizeof(kRecord));
+  Bytes[DefaultImageLayout::kVersionFamilyOffset] = static_cast<uint8_t>(VersionFamily);
+  return Bytes;
+}
+
+void RefreshRecoveryCopies(ImageBuilder &Image) {
   using namespace EmuFlashLayout;
+  Image.CopyFlash(kIbb1Address, kRecoveryBase, kIbb1Size)
+      .CopyFlash(kIbb4Address, kRecoveryBase + kIbb1Size, kIbb4Size)
+      .CopyFlash(kIbb2Address, kRecoveryBase + kIbb1Size + kIbb4Size, kIbb2Size);
+}
+
+namespace {
+
+constexpr uint8_t kFileTypeFirmwareVolumeImage = 0x0B;
+constexpr uint8_t kSectionFirmwareVolumeImage = 0x17;
+
+// The file whose embedded signature the driver checks: a firmware volume image of PEI modules.
+void AddSignedVolumeFiles(FirmwareVolumeBuilder &Volume) {
+  FirmwareVolumeBuilder Nested(gEfiFirmwareFileSystem2Guid, 0x20000);
+  const GeneratedFile NestedFiles[] = {{EFI_FV_FILETYPE_PEIM, 0x9000}, {EFI_FV_FILETYPE_PEIM, 0x6400},
+                                       {EFI_FV_FILETYPE_DRIVER, 0xB800}};
+  AddGeneratedFiles(Nested, NestedFiles, 0x400);
+  Volume.AddRawSectionFile(gSignedFvFileGuid, kFileTypeFirmwareVolumeImage, Nested.Bytes(), true,
+                           kSectionFirmwareVolumeImage);
+  // The signature over the signed file goes into this section; the file keeps the fixed
+  // checksum so that the signature can be written without touching the file header.
+  const std::vector<uint8_t> Placeholder(DefaultImageLayout::kSignatureLength, 0xFF);
+  Volume.AddRawSectionFile(gFvSignatureFileGuid, EFI_FV_FILETYPE_FREEFORM, Placeholder, false);
+}
+
+std::vector<uint8_t> MapSignatureRecord() {
+  using namespace DefaultImageLayout;
+  std::vector<uint8_t> Record(kMapSignatureRecordSignatureOffset + kSignatureLength, 0);
+  std::memcpy(Record.data(), &gQfdmSignatureRecordGuid, sizeof(EFI_GUID));
+  const uint32_t Length = kSignatureLength + 4;
+  Record[kMapSignatureRecordLengthOffset] = static_cast<uint8_t>(Length);
+  Record[kMapSignatureRecordLengthOffset + 1] = static_cast<uint8_t>(Length >> 8);
+  Record[kMapSignatureRecordLengthOffset + 2] = static_cast<uint8_t>(Length >> 16);
+  std::memset(Record.data() + kMapSignatureRecordSignatureOffset, 0xFF, kSignatureLength);
+  return Record;
+}
+
+}  // namespace
+
+ImageBuilder BuildDefaultImage(const DefaultImageOptions &Options) {
+  using namespace DefaultImageLayout;
   ImageBuilder Image(Options.Layout);
   if (Options.Layout.EcSize != 0) {
     Image.PutEcBytes(0, PseudoRandomBytes(Options.Layout.EcSize, 0xEC0000));
   }
+  Image.Place("EC", kEcFirmwareAddress, PseudoRandomBytes(kEcFirmwareSize, 0xEC1000));
 
-  // OBB: the post-memory code that the boot block loads (FFS3).
+  // OBB: the post-memory code that the boot block loads (FFS3), with the signed file.
   FirmwareVolumeBuilder Obb(gEfiFirmwareFileSystem3Guid, kObbFvSize);
   const GeneratedFile ObbFiles[] = {{EFI_FV_FILETYPE_DRIVER, 0x1A000}, {EFI_FV_FILETYPE_DRIVER, 0x9400},
                                     {EFI_FV_FILETYPE_DRIVER, 0x23800}, {EFI_FV_FILETYPE_FREEFORM, 0x4000}};
   AddGeneratedFiles(Obb, ObbFiles, 0x100);
+  AddSignedVolumeFiles(Obb);
   Image.AddVolume("OBB", kObbFvAddress, Obb);
 
-  // The live variable store: for now the volume header alone over an erased store.
-  Image.AddVolume("NvStorage", kVariableStoreAddress,
-                  FirmwareVolumeBuilder(gEfiSystemNvDataFvGuid, kVariableStoreSize));
+  // The live variable store and its backup area, erased: no backup has been taken.
+  VariableStoreBuilder Store =
+      DefaultLiveStore(Options.VssStoreHeader ? StoreHeaderForm::Vss : StoreHeaderForm::Guid, kVariableStoreSize);
+  Image.Place("NvStorage", kVariableStoreAddress, Store.Bytes());
+  Image.PlaceRegion("NvBackup", kVariableBackupAddress, kVariableBackupSize);
 
   // DXE: the drivers of the boot-services phase (FFS2).
   FirmwareVolumeBuilder Dxe(gEfiFirmwareFileSystem2Guid, kDxeFvSize);
@@ -301,17 +358,36 @@ ImageBuilder BuildDefaultImage(const DefaultImageOptions &Options) {
                     kBiosIdAlignment);
   Image.AddVolume("IBB1", kBootBlockFvAddress, BootBlock);
 
-  // Structures added by other builders go here, before the recovery copies are taken.
-  const std::vector<uint8_t> FlashMap = DefaultFlashMap().Build();
+  // IBB2 and IBB4: the rest of the pre-memory code.
+  FirmwareVolumeBuilder Ibb2(gEfiFirmwareFileSystem2Guid, kIbb2Size);
+  const GeneratedFile Ibb2Files[] = {{EFI_FV_FILETYPE_PEIM, 0x64000}, {EFI_FV_FILETYPE_PEIM, 0x1F000},
+                                     {EFI_FV_FILETYPE_PEIM, 0xA8000}, {EFI_FV_FILETYPE_FREEFORM, 0x30000}};
+  AddGeneratedFiles(Ibb2, Ibb2Files, 0x500);
+  Image.AddVolume("IBB2", kIbb2Address, Ibb2);
+  FirmwareVolumeBuilder Ibb4(gEfiFirmwareFileSystem2Guid, kIbb4Size);
+  const GeneratedFile Ibb4Files[] = {{EFI_FV_FILETYPE_PEIM, 0x18000}, {EFI_FV_FILETYPE_PEIM, 0x2A000}};
+  AddGeneratedFiles(Ibb4, Ibb4Files, 0x600);
+  Image.AddVolume("IBB4", kIbb4Address, Ibb4);
+
+  // The flash map, its signature area, the digest areas (erased: no digest yet) and the
+  // version record, side by side; the excluded area stays clear of all of them.
+  const std::vector<uint8_t> FlashMap = DefaultFlashMap(Options.Layout.EcSize + Options.Layout.LowerFlashSize).Build();
   Image.PlaceRegion("FlashMap", kDefaultFlashMapAddress, kDefaultFlashMapRegionSize)
       .PutBytes(kDefaultFlashMapAddress, FlashMap);
+  Image.PlaceRegion("MapSignature", kMapSignatureAreaAddress, kMapSignatureAreaSize)
+      .PutBytes(kMapSignatureAreaAddress, MapSignatureRecord());
+  Image.PlaceRegion("DigestArea1", kDigestArea1Address, kDigestArea1Size)
+      .PlaceRegion("DigestArea2", kDigestArea2Address, kDigestArea2Size)
+      .PlaceRegion("DigestArea3", kDigestArea3Address, kDigestArea3Size);
+  Image.PlaceRegion("VersionRecord", kVersionRecordAddress, kVersionRecordSize)
+      .PutBytes(kVersionRecordAddress, VersionRecordBytes(Options.VersionFamily));
+  Image.PlaceRegion("SignatureExcluded", kSignatureExcludedAddress, kSignatureExcludedSize);
 
   // The recovery (TopSwap) copies of IBB1, IBB4 and IBB2, one after the other.
-  Image.PlaceRegion("IBB1R", kRecoveryBase, kIbb1Size).CopyFlash(kIbb1Address, kRecoveryBase, kIbb1Size);
-  Image.PlaceRegion("IBB4R", kRecoveryBase + kIbb1Size, kIbb4Size)
-      .CopyFlash(kIbb4Address, kRecoveryBase + kIbb1Size, kIbb4Size);
-  Image.PlaceRegion("IBB2R", kRecoveryBase + kIbb1Size + kIbb4Size, kIbb2Size)
-      .CopyFlash(kIbb2Address, kRecoveryBase + kIbb1Size + kIbb4Size, kIbb2Size);
+  Image.PlaceRegion("IBB1R", kRecoveryBase, kIbb1Size)
+      .PlaceRegion("IBB4R", kRecoveryBase + kIbb1Size, kIbb4Size)
+      .PlaceRegion("IBB2R", kRecoveryBase + kIbb1Size + kIbb4Size, kIbb2Size);
+  RefreshRecoveryCopies(Image);
   return Image;
 }
 

@@ -22,10 +22,13 @@ public:
   // Appends a file whose contents (after the 24-byte header) are Data. With DataAlignment
   // above 8 a pad file goes in front when needed, so that the data starts aligned relative
   // to the volume. Throws std::length_error when the volume has no room left.
+  // Without DataChecksum the file carries the fixed checksum, so that its data may be filled
+  // in later (signatures) without touching the header.
   FirmwareVolumeBuilder &AddFile(const EFI_GUID &Name, uint8_t Type, std::span<const uint8_t> Data,
-                                 uint32_t DataAlignment = 8);
-  // A file holding one raw section with Payload.
-  FirmwareVolumeBuilder &AddRawSectionFile(const EFI_GUID &Name, uint8_t Type, std::span<const uint8_t> Payload);
+                                 uint32_t DataAlignment = 8, bool DataChecksum = true);
+  // A file holding one section of SectionType (raw by default) with Payload.
+  FirmwareVolumeBuilder &AddRawSectionFile(const EFI_GUID &Name, uint8_t Type, std::span<const uint8_t> Payload,
+                                           bool DataChecksum = true, uint8_t SectionType = EFI_SECTION_RAW);
   // A pad file so that the next file starts at Offset (at least a header's length ahead).
   FirmwareVolumeBuilder &PadTo(uint32_t Offset);
 
@@ -37,7 +40,7 @@ public:
   const std::vector<uint8_t> &Bytes() const { return Bytes_; }
 
 private:
-  void AppendFile(const EFI_GUID &Name, uint8_t Type, std::span<const uint8_t> Data);
+  void AppendFile(const EFI_GUID &Name, uint8_t Type, std::span<const uint8_t> Data, bool DataChecksum = true);
 
   std::vector<uint8_t> Bytes_;
   uint32_t Next_ = 0;
@@ -102,13 +105,23 @@ std::vector<uint8_t> BiosIdRecordBytes(const uint8_t (&Id)[kBiosIdLength]);
 struct DefaultImageOptions {
   uint8_t BiosId[kBiosIdLength] = {'Z', 'Q', '4', '2', 'A'};
   EmuLayout Layout = kDefaultEmuLayout;
+  char VersionFamily = 'E';  // byte 14 of the "$BVDT" record
+  bool VssStoreHeader = true;  // the live store's header form: "$VSS", else the GUID form
 };
 
-// The reference platform's image: the boot-block volume (IBB1) with the "$BID" record in
-// its last 64 KiB, the OBB and DXE code volumes, an empty variable-store volume at
-// VariableStoreBase, the EC part (when the layout has one) and, last, the recovery copies
-// of IBB1, IBB4 and IBB2. Composers that add structures do so before the recovery copies.
+// The reference platform's image: the EC firmware at the start of the flash; the boot-block
+// volume (IBB1) with the "$BID" record in its last 64 KiB; the IBB2, IBB4, OBB and DXE code
+// volumes, OBB carrying the signed firmware-volume file and the signature file; the live
+// variable store at VariableStoreBase (DefaultLiveVariables) and the erased backup area; the
+// flash map with its signature area, the digest areas and the "$BVDT" version record; the
+// EC part (when the layout has one) and, last, the recovery copies of IBB1, IBB4 and IBB2.
+// Signatures are placeholders (0xFF) for the signing tool. Composers that add structures do
+// so before the recovery copies (RefreshRecoveryCopies takes them again).
 ImageBuilder BuildDefaultImage(const DefaultImageOptions &Options = {});
+// Copies IBB1, IBB4 and IBB2 over their recovery copies.
+void RefreshRecoveryCopies(ImageBuilder &Image);
+// The "$BVDT" version record: version text, and the version family at byte 14.
+std::vector<uint8_t> VersionRecordBytes(char VersionFamily);
 // The default image's bytes, built once per process.
 const std::vector<uint8_t> &DefaultImage();
 

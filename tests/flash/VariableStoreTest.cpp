@@ -1,0 +1,312 @@
+// The variable store: both header forms, the record bound, the walk kept inside its store,
+// the backup of the preserved variables and their restore, and the check that an image puts
+// the backup area where the firmware has it.
+#include "../../src/flash/VariableStore.h"
+
+#include <deque>
+
+#include "../../src/base/Globals.h"
+#include "../../src/base/Hob.h"
+#include "../../src/driver/Config.h"
+#include "../../tools/lib/DefaultImageLayout.h"
+#include "../../tools/lib/FlashMapBuilder.h"
+#include "../../tools/lib/VariableStoreBuilder.h"
+#include "FlashFixture.h"
+
+namespace {
+
+using namespace DefaultImageLayout;
+
+std::vector<uint8_t> StoreHeaderBytes(bool Vss, uint8_t Format, uint8_t State, const EFI_GUID &Kind) {
+  if (Vss) {
+    VariableStoreHeaderVss Header = {kVariableStoreSignature, 0x2FFB8, Format, State, {}};
+    return std::vector<uint8_t>(reinterpret_cast<uint8_t *>(&Header), reinterpret_cast<uint8_t *>(&Header + 1));
+  }
+  VariableStoreHeaderGuid Header = {Kind, 0x2FFB8, Format, State, {}};
+  return std::vector<uint8_t>(reinterpret_cast<uint8_t *>(&Header), reinterpret_cast<uint8_t *>(&Header + 1));
+}
+
+std::vector<uint8_t> Erased(size_t Length, size_t Dirty = SIZE_MAX) {
+  std::vector<uint8_t> Bytes(Length, 0xFF);
+  if (Dirty < Length) {
+    Bytes[Dirty] = 0x00;
+  }
+  return Bytes;
+}
+
+TEST(VariableStoreHeader, StatusOfBothFormsAndTheirErasedShapes) {
+  const EFI_GUID Other = gPlatformVariableGuid;
+  struct {
+    const char *Name;
+    bool Vss;
+    std::vector<uint8_t> Header;
+    UINT32 Expected;
+  } Cases[] = {
+      {"$VSS formatted healthy", true, StoreHeaderBytes(true, 0x5A, 0xFE, Other), VariableStoreValid},
+      {"$VSS formatted, state erased", true, StoreHeaderBytes(true, 0x5A, 0xFF, Other), VariableStoreInvalid},
+      {"$VSS not formatted", true, StoreHeaderBytes(true, 0xFF, 0xFE, Other), VariableStoreInvalid},
+      {"$VSS form erased", true, Erased(16), VariableStoreRaw},
+      {"$VSS form erased, reserved bytes dirty", true, Erased(16, 12), VariableStoreRaw},
+      {"$VSS form erased but the state", true, Erased(16, 9), VariableStoreInvalid},
+      {"$VSS form erased but the size", true, Erased(16, 6), VariableStoreInvalid},
+      {"GUID form, authenticated kind", false, StoreHeaderBytes(false, 0x5A, 0xFE, gEfiAuthenticatedVariableGuid),
+       VariableStoreValid},
+      {"GUID form, plain kind", false, StoreHeaderBytes(false, 0x5A, 0xFE, gEfiVariableGuid), VariableStoreValid},
+      {"GUID form, unknown kind", false, StoreHeaderBytes(false, 0x5A, 0xFE, Other), VariableStoreInvalid},
+      {"GUID form, state erased", false, StoreHeaderBytes(false, 0x5A, 0xFF, gEfiVariableGuid),
+       VariableStoreInvalid},
+      {"GUID form erased", false, Erased(28), VariableStoreRaw},
+      {"GUID form erased but the GUID's last word", false, Erased(28, 15), VariableStoreInvalid},
+      {"GUID form erased but the format", false, Erased(28, 20), VariableStoreInvalid},
+  };
+  for (const auto &Case : Cases) {
+    gConfig.VssSignatureFormat = Case.Vss;
+    EXPECT_EQ(GetVariableStoreHeaderSize(), Case.Vss ? 16u : 28u);
+    EXPECT_EQ(GetVariableStoreStatus(Case.Header.data()), Case.Expected) << Case.Name;
+  }
+  ResetConfigForTest();
+}
+
+TEST(VariableRecordWalk, BoundCountsTheStoreHeaderAndTheWalkStaysInsideItsStore) {
+  struct {
+    const char *Name;
+    bool Vss;
+    UINT16 StartId;
+    UINT32 NameSize, DataSize;
+    size_t StoreSize;  // bytes from the record to the store end
+    bool Bounded, InStore;
+  } Cases[] = {
+      {"$VSS form at the bound", true, 0x55AA, 0x10, 0x10FE0, 0x20000, true, true},
+      {"$VSS form one byte over", true, 0x55AA, 0x10, 0x10FE1, 0x20000, false, false},
+      {"GUID form at its bound", false, 0x55AA, 0x10, 0x10FD4, 0x20000, true, true},
+      {"GUID form one byte over", false, 0x55AA, 0x10, 0x10FD5, 0x20000, false, false},
+      {"sizes that wrap 32 bits", true, 0x55AA, 0xFFFFFFFF, 0x20, 0x20000, false, false},
+      {"erased start", true, 0xFFFF, 0x10, 0x10, 0x20000, false, false},
+      {"data ends at the store end", true, 0x55AA, 0x10, 0x20, 60 + 0x30, true, true},
+      {"data crosses the store end", true, 0x55AA, 0x10, 0x21, 60 + 0x30, true, false},
+      {"header crosses the store end", true, 0x55AA, 0, 0, 59, true, false},
+  };
+  for (const auto &Case : Cases) {
+    gConfig.VssSignatureFormat = Case.Vss;
+    std::vector<uint8_t> Store(0x20000, 0xFF);
+    AuthenticatedVariableHeader Header = {};
+    Header.StartId = Case.StartId;
+    Header.NameSize = Case.NameSize;
+    Header.DataSize = Case.DataSize;
+    std::memcpy(Store.data(), &Header, sizeof(Header));
+    const UINT8 *Record = Store.data();
+    EXPECT_EQ(IsVariableRecordBounded(Record), Case.Bounded) << Case.Name;
+    EXPECT_EQ(GetNextVariable(Record), Case.Bounded ? Record + 60 + Case.NameSize + Case.DataSize : nullptr)
+        << Case.Name;
+    EXPECT_EQ(IsVariableRecordInStore(Record, Record + Case.StoreSize), Case.InStore) << Case.Name;
+  }
+  EXPECT_FALSE(IsVariableRecordBounded(nullptr));
+  ResetConfigForTest();
+}
+
+class VariableStoreBackup : public FlashFixture {
+public:
+  EmuPlatform &Emu() { return *Platform; }
+  UINT8 *FlashAt(UINT32 Address) { return Platform->Flash.Bytes() + (Address - Platform->FlashBaseAddress); }
+  std::span<const uint8_t> Area(UINT32 Address, UINT32 Size) { return {FlashAt(Address), Size}; }
+  ParsedStore Parse(UINT32 Address, UINT32 Size) {
+    return ParseVariableStore(Area(Address, Size), gConfig.VssSignatureFormat ? StoreHeaderForm::Vss
+                                                                              : StoreHeaderForm::Guid);
+  }
+  void Put(UINT32 Address, const std::vector<uint8_t> &Bytes) { std::memcpy(FlashAt(Address), Bytes.data(), Bytes.size()); }
+
+  // Names of the records that must survive, in store order, with their states.
+  static std::vector<std::string> Listing(const ParsedStore &Store) {
+    std::vector<std::string> Names;
+    for (const ParsedVariable &Variable : Store.Variables) {
+      Names.push_back(VariableNameText(Variable.Record.Name) + (Variable.Record.State == 0x3E ? "~" : ""));
+    }
+    return Names;
+  }
+  const std::vector<std::string> kSelected = {"PK", "KEK", "db", "dbx", "CurrentPolicy", "OemHardwareConfig",
+                                              "BluetoothPairingInfo~", "BluetoothPairingInfo",
+                                              "Q42VtHasBeenEnable", "VsmLocalKey2"};
+};
+
+TEST_F(VariableStoreBackup, RefusalsCarryTheirStatusAndWriteNothing) {
+  struct {
+    const char *Name;
+    bool ResumeHob, RegionTracked;
+    void (*Bend)(VariableStoreBackup &Test, std::vector<uint8_t> &Image);
+    EFI_STATUS Expected;
+    size_t Writes;
+  } Cases[] = {
+      {"resumed region-tracked update", true, true, nullptr, EFI_ALREADY_STARTED, 0},
+      {"resume HOB alone does not stop it", true, false, nullptr, EFI_SUCCESS, 1},
+      {"erased store in an intact backup volume", false, false,
+       [](VariableStoreBackup &T, std::vector<uint8_t> &) { T.Put(kVariableBackupAddress, ErasedStoreVolume(0x32000)); },
+       EFI_ALREADY_STARTED, 0},
+      {"image maps the backup elsewhere", false, false,
+       [](VariableStoreBackup &, std::vector<uint8_t> &Image) {
+         // The backup entry is the map's third: header 28, entries of 52 bytes, offset at 32.
+         const uint64_t Elsewhere = 0x17D000;
+         std::memcpy(Image.data() + (kDefaultFlashMapAddress - kMappedBase) + 28 + 2 * 52 + 32, &Elsewhere, 8);
+       },
+       EFI_NO_MAPPING, 0},
+      {"live store header invalid", false, false,
+       [](VariableStoreBackup &T, std::vector<uint8_t> &) { T.FlashAt(kVariableStoreAddress + 0x48 + 9)[0] = 0xFF; },
+       EFI_NOT_FOUND, 0},
+      {"live store not a volume", false, false,
+       [](VariableStoreBackup &T, std::vector<uint8_t> &) { T.FlashAt(kVariableStoreAddress + 40)[0] = 0; },
+       EFI_NOT_FOUND, 0},
+      {"selection larger than the backup area", false, false,
+       [](VariableStoreBackup &, std::vector<uint8_t> &) { gConfig.VariableBackupSize = 0x2000; },
+       EFI_OUT_OF_RESOURCES, 0},
+      {"write fails", false, false,
+       [](VariableStoreBackup &T, std::vector<uint8_t> &) { T.Emu().Flash.FailOperation(1); }, EFI_ACCESS_DENIED,
+       1},
+  };
+  std::deque<SimHobList> HobLists;  // each case's list outlives the loop
+  for (const auto &Case : Cases) {
+    VariableStoreBackup &Test = *this;
+    ResetAllDriverStateForTest();
+    ASSERT_TRUE(LoadImage(*Platform, DefaultImage()));
+    Platform->Flash.ClearFaults();
+    Platform->Config->Flags = Case.RegionTracked ? kPlatformConfigAlternativeFlag : 0;
+    SimHobList &CaseHobs = HobLists.emplace_back();
+    if (Case.ResumeHob) {
+      CaseHobs.AddGuidHob(gUpdateResumeHobGuid, nullptr, 0);
+    }
+    Sim.InstallConfigurationTable(gEfiHobListGuid, CaseHobs.Finish());
+    gBS = Sim.BootServices();
+    mPlatformConfig = Platform->Config;
+    mPlatformFlashService = Platform->FlashService;
+    mFlashBase = 0xFF000000;
+    std::vector<uint8_t> Image = DefaultImage();
+    if (Case.Bend != nullptr) {
+      Case.Bend(Test, Image);
+    }
+    CacheHobList(Sim.SystemTable());
+    const std::vector<uint8_t> Before(Area(kVariableBackupAddress, kVariableBackupSize).begin(),
+                                      Area(kVariableBackupAddress, kVariableBackupSize).end());
+    Platform->ClearCalls();
+    EXPECT_EQ(BackupVariableStore(Image.data(), Image.size()), Case.Expected) << Case.Name;
+    EXPECT_EQ(CallsNamed("WriteFlash").size(), Case.Writes) << Case.Name;
+    if (Case.Writes == 0) {
+      EXPECT_TRUE(std::equal(Before.begin(), Before.end(), FlashAt(kVariableBackupAddress))) << Case.Name;
+    }
+  }
+}
+
+class VariableStoreBothForms : public VariableStoreBackup, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(VariableStoreBothForms, BackupHoldsExactlyTheSelectionAndRestorePutsItBehindTheLiveHeaders) {
+  DefaultImageOptions Options;
+  Options.VssStoreHeader = GetParam();
+  const std::vector<uint8_t> Image = BuildDefaultImage(Options).Bytes();
+  ASSERT_TRUE(LoadImage(*Platform, Image));
+  gConfig.VssSignatureFormat = GetParam();
+  Start();
+
+  EXPECT_EQ(IsBackupStoreValid(), EFI_NOT_FOUND) << "the default backup area is erased flash";
+  ASSERT_EQ(BackupVariableStore(Image.data(), Image.size()), EFI_SUCCESS);
+  const ParsedStore Live = Parse(kVariableStoreAddress, kVariableStoreSize);
+  const ParsedStore Backup = Parse(kVariableBackupAddress, kVariableBackupSize);
+  EXPECT_EQ(Listing(Backup), kSelected);
+  ASSERT_EQ(Backup.HeadersLength, Live.HeadersLength);
+  EXPECT_TRUE(std::equal(FlashAt(kVariableStoreAddress), FlashAt(kVariableStoreAddress) + Live.HeadersLength,
+                         FlashAt(kVariableBackupAddress)))
+      << "the backup carries the live store's headers";
+  const auto Tail = Area(kVariableBackupAddress + Backup.RecordsEnd, kVariableBackupSize - Backup.RecordsEnd);
+  EXPECT_TRUE(std::all_of(Tail.begin(), Tail.end(), [](uint8_t Byte) { return Byte == 0xFF; }));
+  EXPECT_EQ(IsBackupStoreValid(), EFI_SUCCESS);
+  EXPECT_EQ(BackupVariableStore(Image.data(), Image.size()), EFI_ALREADY_STARTED) << "one backup per update";
+
+  // The update writes the new image's store, whose own headers stay after the restore.
+  VariableStoreBuilder Fresh(kVariableStoreSize, GetParam() ? StoreHeaderForm::Vss : StoreHeaderForm::Guid);
+  Fresh.StoreHeader()[GetParam() ? 4 : 16] = 0x42;  // its own size field
+  Fresh.Add(PlainVariable(u"Setup", gPlatformSetupLayoutGuid, {1, 2, 3}));
+  Put(kVariableStoreAddress, Fresh.Bytes());
+  ASSERT_EQ(RestoreVariableStore(), EFI_SUCCESS);
+  const ParsedStore Restored = Parse(kVariableStoreAddress, kVariableStoreSize);
+  EXPECT_EQ(Listing(Restored), kSelected);
+  EXPECT_TRUE(std::equal(Fresh.Bytes().begin(), Fresh.Bytes().begin() + Fresh.HeadersLength(),
+                         FlashAt(kVariableStoreAddress)));
+  for (size_t Index = 0; Index < Restored.Variables.size(); Index++) {
+    EXPECT_EQ(Restored.Variables[Index].Record.Data, Backup.Variables[Index].Record.Data) << kSelected[Index];
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(HeaderForms, VariableStoreBothForms, ::testing::Values(true, false),
+                         [](const auto &Info) { return Info.param ? "Vss" : "Guid"; });
+
+TEST_F(VariableStoreBackup, RestoreNeedsBothVolumesAndWritesNothingWithoutThem) {
+  Start();
+  EXPECT_EQ(RestoreVariableStore(), EFI_NOT_FOUND) << "erased backup area";
+  Put(kVariableBackupAddress, DefaultLiveStore(StoreHeaderForm::Vss, 0x32000).Bytes());
+  FlashAt(kVariableStoreAddress + 0x48)[0] = 0;  // live "$VSS" broken
+  EXPECT_EQ(RestoreVariableStore(), EFI_NOT_FOUND);
+  EXPECT_TRUE(CallsNamed("WriteFlash").empty());
+}
+
+// ---- The backup area named by the image's flash map ---------------------------------------
+
+struct MapRecord {
+  size_t At;
+  UINT32 First, Last, Stride;
+  std::vector<std::pair<EFI_GUID, UINT64>> Entries;  // placed from First, Stride apart
+};
+
+std::vector<uint8_t> MappingImage(size_t Size, const std::vector<MapRecord> &Records) {
+  std::vector<uint8_t> Image(Size, 0xFF);
+  for (const MapRecord &Record : Records) {
+    const UINT32 Header[4] = {kFlashMapSignature, Record.Last, Record.First, Record.Stride};
+    std::memcpy(Image.data() + Record.At, Header, std::min<size_t>(sizeof(Header), Size - Record.At));
+    for (size_t Index = 0; Index < Record.Entries.size(); Index++) {
+      uint8_t *Entry = Image.data() + Record.At + Record.First + Index * Record.Stride;
+      std::memcpy(Entry, &Record.Entries[Index].first, sizeof(EFI_GUID));
+      std::memcpy(Entry + 32, &Record.Entries[Index].second, 8);
+    }
+  }
+  return Image;
+}
+
+TEST(BackupAreaMapping, RecordAndEntryChoiceAndMalformedRecords) {
+  ResetAllDriverStateForTest();
+  mFlashBase = 0xFF000000;
+  const UINT64 Right = 0x17C000, Wrong = 0x180000;
+  const EFI_GUID Backup = gVariableStoreBackupAreaGuid, Other = gEcFirmwareRegionGuid;
+  auto Plain = [&](size_t At, UINT64 Offset) { return MapRecord{At, 28, 80, 52, {{Other, Right}, {Backup, Offset}}}; };
+  struct {
+    const char *Name;
+    std::vector<uint8_t> Image;
+    EFI_STATUS Expected;
+  } Cases[] = {
+      {"one record", MappingImage(0x4000, {Plain(0x1000, Right)}), EFI_SUCCESS},
+      {"record at offset 0", MappingImage(0x4000, {Plain(0, Right)}), EFI_SUCCESS},
+      {"offset differs", MappingImage(0x4000, {Plain(0x1000, Wrong)}), EFI_NO_MAPPING},
+      {"lower record wins", MappingImage(0x4000, {Plain(0x1000, Right), Plain(0x2000, Wrong)}), EFI_SUCCESS},
+      {"lower record wins, wrongly", MappingImage(0x4000, {Plain(0x1000, Wrong), Plain(0x2000, Right)}),
+       EFI_NO_MAPPING},
+      {"later entry wins", MappingImage(0x4000, {{0x1000, 28, 80, 52, {{Backup, Right}, {Backup, Wrong}}}}),
+       EFI_NO_MAPPING},
+      {"later entry wins, rightly", MappingImage(0x4000, {{0x1000, 28, 80, 52, {{Backup, Wrong}, {Backup, Right}}}}),
+       EFI_SUCCESS},
+      {"no backup entry", MappingImage(0x4000, {{0x1000, 28, 80, 52, {{Other, Right}}}}), EFI_NOT_FOUND},
+      {"stride 0", MappingImage(0x4000, {{0x1000, 28, 80, 0, {{Backup, Right}}}}), EFI_NOT_FOUND},
+      {"first after last", MappingImage(0x4000, {{0x1000, 80, 28, 52, {}}}), EFI_NOT_FOUND},
+      {"no record", MappingImage(0x4000, {}), EFI_NOT_FOUND},
+      {"record off the probed steps", MappingImage(0x4000, {Plain(0x1800, Right)}), EFI_NOT_FOUND},
+      {"record only in the last 16 bytes", MappingImage(0x4000, {{0x3FF0, 0, 0, 0, {}}}), EFI_NOT_FOUND},
+      {"probes count from the end", MappingImage(0x4010, {Plain(0x1010, Right)}), EFI_SUCCESS},
+      {"last entry cut by the image end", MappingImage(0x4000, {{0x3000, 28, 0xFE0, 52, {{Backup, Right}}}}),
+       EFI_NOT_FOUND},
+      {"last entry near 2^32", MappingImage(0x4000, {{0x3000, 28, 0xFFFFFFF0, 52, {{Backup, Right}}}}),
+       EFI_NOT_FOUND},
+      {"image below one step", MappingImage(0xFFF, {}), EFI_NOT_FOUND},
+  };
+  for (const auto &Case : Cases) {
+    std::vector<uint8_t> Exact = Case.Image;  // exactly sized, so a read past it is caught
+    Exact.shrink_to_fit();
+    EXPECT_EQ(CheckBackupAreaMapping(Exact.data(), Exact.size()), Case.Expected) << Case.Name;
+  }
+  EXPECT_EQ(CheckBackupAreaMapping(nullptr, 0x4000), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(CheckBackupAreaMapping(DefaultImage().data(), DefaultImage().size()), EFI_SUCCESS) << "default image";
+}
+
+}  // namespace
