@@ -5,6 +5,7 @@
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 
+#include <cstring>
 #include <memory>
 
 namespace {
@@ -47,10 +48,16 @@ BOOLEAN EmuHostRsaVerifySha256(const EmuRsaPublicKey &Key, const UINT8 *Message,
       (Message == nullptr && MessageSize != 0)) {
     return FALSE;
   }
-  KeyPtr PublicKey = PublicKeyOf(Key);
+  // The last key used is kept: building an OpenSSL key costs more than the verification.
+  static EmuRsaPublicKey CachedKey = {};
+  static KeyPtr Cached;
+  if (!Cached || CachedKey.ModulusSize != Key.ModulusSize || CachedKey.Exponent != Key.Exponent ||
+      std::memcmp(CachedKey.Modulus, Key.Modulus, Key.ModulusSize) != 0) {
+    Cached = PublicKeyOf(Key);
+    CachedKey = Key;
+  }
   DigestContextPtr Context(EVP_MD_CTX_new());
-  if (!PublicKey || !Context ||
-      EVP_DigestVerifyInit(Context.get(), nullptr, EVP_sha256(), nullptr, PublicKey.get()) != 1) {
+  if (!Cached || !Context || EVP_DigestVerifyInit(Context.get(), nullptr, EVP_sha256(), nullptr, Cached.get()) != 1) {
     return FALSE;
   }
   return EVP_DigestVerify(Context.get(), Signature, SignatureSize, MessageSize == 0 ? &kEmpty : Message,
