@@ -34,7 +34,11 @@ bios_efi_image(BiosImageInterfaceDxe driver ${DRIVER_SOURCES} ${FIRMWARE_BINDING
 bios_efi_image(BiosImageInterfaceDxeEmu driver ${DRIVER_SOURCES} ${EMU_SOURCES} ${CRUNTIME} ${DRIVER_MAIN})
 # The emulated platform: protocols, flash chip, CMOS, debug service.
 file(GLOB EMU_DRIVER_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/efi/emudriver/*.cpp)
-bios_efi_image(EmuPlatformDxe driver ${EMU_DRIVER_SOURCES} ${EMU_SOURCES} ${BASE_SOURCES} ${CRUNTIME})
+bios_efi_image(EmuPlatformDxe driver ${EMU_DRIVER_SOURCES} ${EMU_SOURCES} ${BASE_SOURCES} ${CRUNTIME}
+               ${CMAKE_SOURCE_DIR}/src/verify/Sha256.cpp)
+# Its verifier holds the public halves of the build's test signing keys.
+target_include_directories(EmuPlatformDxe_objects PRIVATE ${BIOS_TEST_KEY_DIR})
+add_dependencies(EmuPlatformDxe_objects bios_test_keys)
 # The update application that drives a run inside OVMF.
 file(GLOB APP_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/efi/app/*.cpp)
 bios_efi_image(BiosUpdateApp app ${APP_SOURCES} ${BASE_SOURCES} ${CRUNTIME})

@@ -11,6 +11,7 @@
 #include "EmuSoc.h"
 #include "EmuHub.h"
 #include "EmuSettings.h"
+#include "EmuSignatureVerifier.h"
 #include "EmuUpdateLayout.h"
 #include "EmuUpdateLog.h"
 
@@ -153,6 +154,7 @@ public:
   UINT64 PcdFlashMapAddress = 0xFF0EA000;
   UINT64 PcdFlashMapSize = 0x1000;
   EmuHubServices Hub;  // the callback-hub registry and the pointer-registration service
+  EmuSignatureKeys SignatureKeys;  // the image-signature verifier: its protocol, keys by selector, RSA check
 
   // ---- Call log of every platform protocol member -----------------------------------------
   EmuCall *Calls = nullptr;
@@ -181,6 +183,7 @@ struct EmuInstallOptions {
   BOOLEAN PlatformHandle = TRUE;
   BOOLEAN CallbackHub = TRUE;          // a registry another driver already created
   BOOLEAN PointerRegistration = TRUE;  // the runtime core's pointer-registration service
+  BOOLEAN SignatureVerifier = TRUE;    // ImageSignatureVerifyProtocol
 };
 EFI_STATUS EmuInstallProtocols(EmuPlatform &Platform, EFI_BOOT_SERVICES *BootServices,
                                const EmuInstallOptions &Options);

@@ -218,6 +218,7 @@ EFI_STATUS EmuInstallProtocols(EmuPlatform &Platform, EFI_BOOT_SERVICES *BootSer
       {Options.PostQuery, &gPostQueryProtocolGuid, &Platform.FlashPlatform.PostQuery},
       {Options.CallbackHub, &gCallbackHubProtocolGuid, &Platform.Hub.Registry},
       {Options.PointerRegistration, &gPointerRegistrationProtocolGuid, &Platform.Hub.PointerRegistration},
+      {Options.SignatureVerifier, &gImageSignatureVerifyProtocolGuid, &Platform.SignatureKeys.Protocol},
   };
   Platform.Hub.Initialize();
   for (const Entry &Item : Entries) {

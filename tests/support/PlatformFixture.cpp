@@ -17,6 +17,7 @@
 #include "../../src/platform/Cmos.h"
 #include "../../src/psp/PspState.h"
 #include "../../src/verify/SecuritySettings.h"
+#include "../../tools/lib/TestSigningKeys.h"
 
 void ResetEdkLibrariesForTest();
 
@@ -47,6 +48,10 @@ PlatformFixture::PlatformFixture() {
     ADD_FAILURE() << "emulated platform could not be built";
   }
   gEmuPlatform = Platform;
+  std::string KeyError;
+  if (!InstallTestSignatureKeys(*Platform, KeyError)) {
+    ADD_FAILURE() << "test signing keys: " << KeyError;
+  }
   Sim.SetPcd(gPlatformPcdTokenSpaceGuid, 0x0A04, Platform->PcdBootBlockUpdateEnabled);
   Sim.SetPcd(gAmdPcdTokenSpaceGuid, 0x95940054, Platform->PcdAmdLibrarySetting);
   Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, Platform->PcdFlashMapAddress);

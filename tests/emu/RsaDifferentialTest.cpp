@@ -1,0 +1,297 @@
+// The compact RSA check against OpenSSL: for keys of several sizes and exponents, the build's
+// keys included, every case below must get the same verdict from both, and that verdict must
+// be the expected one. Malformed blocks are made with the private key (s = block^d mod n), so
+// each fault reaches the padding check instead of failing on an unrelated value. Moduli whose
+// bit length is not a whole number of bytes (1028, 2047 bits) leave room above the modulus,
+// so that "signature + modulus" is a same-length value that reduces to a good signature.
+#include <gtest/gtest.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "emu/EmuRsa.h"
+#include "emu/host/EmuHostRsa.h"
+#include "tools/lib/ImageSigner.h"
+#include "tools/lib/TestSigningKeys.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct TestKey {
+  std::string Name;
+  std::string Pem;  // private key, PEM text or path
+  EmuRsaPublicKey Public{};
+  Bytes D;  // private exponent, big-endian
+};
+
+const uint8_t kSha256Prefix[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                                 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
+const uint8_t kSha1Prefix[] = {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2b, 0x0e, 0x03, 0x02, 0x1a, 0x05, 0x00, 0x04, 0x14};
+
+Bytes BnBytes(const EVP_PKEY *Key, const char *Name) {
+  BIGNUM *Value = nullptr;
+  EXPECT_EQ(EVP_PKEY_get_bn_param(Key, Name, &Value), 1);
+  Bytes Out(static_cast<size_t>(BN_num_bytes(Value)));
+  BN_bn2bin(Value, Out.data());
+  BN_free(Value);
+  return Out;
+}
+
+TestKey MakeKey(const std::string &Name, EVP_PKEY *Key) {
+  TestKey Result{Name, "", {}, BnBytes(Key, OSSL_PKEY_PARAM_RSA_D)};
+  BIO *Bio = BIO_new(BIO_s_mem());
+  PEM_write_bio_PrivateKey(Bio, Key, nullptr, nullptr, 0, nullptr, nullptr);
+  char *Text = nullptr;
+  const long Length = BIO_get_mem_data(Bio, &Text);
+  Result.Pem.assign(Text, static_cast<size_t>(Length));
+  BIO_free(Bio);
+  std::string Error;
+  EXPECT_TRUE(RsaPublicKeyFromPem(Result.Pem, Result.Public, Error)) << Name << ": " << Error;
+  return Result;
+}
+
+EVP_PKEY *Generate(unsigned Bits, unsigned Exponent) {
+  EVP_PKEY_CTX *Context = EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr);
+  BIGNUM *E = BN_new();
+  BN_set_word(E, Exponent);
+  EVP_PKEY *Key = nullptr;
+  EVP_PKEY_keygen_init(Context);
+  EVP_PKEY_CTX_set_rsa_keygen_bits(Context, static_cast<int>(Bits));
+  EVP_PKEY_CTX_set1_rsa_keygen_pubexp(Context, E);
+  EVP_PKEY_generate(Context, &Key);
+  BN_free(E);
+  EVP_PKEY_CTX_free(Context);
+  return Key;
+}
+
+const std::vector<TestKey> &Keys() {
+  static const std::vector<TestKey> All = [] {
+    std::vector<TestKey> List;
+    const struct {
+      unsigned Bits, Exponent;
+    } Generated[] = {{1024, 65537}, {1024, 3}, {1028, 65537}, {1536, 65537}, {2047, 17}, {3072, 65537}};
+    for (const auto &Spec : Generated) {
+      EVP_PKEY *Key = Generate(Spec.Bits, Spec.Exponent);
+      List.push_back(MakeKey(std::to_string(Spec.Bits) + "-bit e=" + std::to_string(Spec.Exponent), Key));
+      EVP_PKEY_free(Key);
+    }
+    for (TestSigningKey Build : {TestSigningKey::Selector1, TestSigningKey::Selector0, TestSigningKey::Foreign}) {
+      BIO *Bio = BIO_new_file(TestSigningKeyPath(Build).c_str(), "r");
+      EVP_PKEY *Key = Bio != nullptr ? PEM_read_bio_PrivateKey(Bio, nullptr, nullptr, nullptr) : nullptr;
+      BIO_free(Bio);
+      EXPECT_NE(Key, nullptr) << TestSigningKeyPath(Build);
+      if (Key != nullptr) {
+        List.push_back(MakeKey("build key " + TestSigningKeyPath(Build), Key));
+        EVP_PKEY_free(Key);
+      }
+    }
+    return List;
+  }();
+  return All;
+}
+
+Bytes Sha256(const Bytes &Message) {
+  Bytes Digest(32);
+  unsigned Length = 0;
+  EVP_Digest(Message.data(), Message.size(), Digest.data(), &Length, EVP_sha256(), nullptr);
+  return Digest;
+}
+
+// 00 01 FF..FF 00 Prefix Digest, filling the modulus length.
+Bytes Block(const TestKey &Key, const uint8_t *Prefix, size_t PrefixSize, const Bytes &Digest) {
+  Bytes Out(Key.Public.ModulusSize, 0xFF);
+  Out[0] = 0x00;
+  Out[1] = 0x01;
+  const size_t Tail = PrefixSize + Digest.size();
+  Out[Out.size() - Tail - 1] = 0x00;
+  std::copy(Prefix, Prefix + PrefixSize, Out.end() - static_cast<ptrdiff_t>(Tail));
+  std::copy(Digest.begin(), Digest.end(), Out.end() - static_cast<ptrdiff_t>(Digest.size()));
+  return Out;
+}
+
+Bytes GoodBlock(const TestKey &Key, const Bytes &Message) {
+  return Block(Key, kSha256Prefix, sizeof(kSha256Prefix), Sha256(Message));
+}
+
+// The raw private operation: the signature whose public operation yields Value.
+Bytes RaiseToD(const TestKey &Key, const Bytes &Value) {
+  BN_CTX *Context = BN_CTX_new();
+  BIGNUM *N = BN_bin2bn(Key.Public.Modulus, static_cast<int>(Key.Public.ModulusSize), nullptr);
+  BIGNUM *D = BN_bin2bn(Key.D.data(), static_cast<int>(Key.D.size()), nullptr);
+  BIGNUM *M = BN_bin2bn(Value.data(), static_cast<int>(Value.size()), nullptr);
+  BIGNUM *S = BN_new();
+  BN_mod_exp(S, M, D, N, Context);
+  Bytes Out(Key.Public.ModulusSize);
+  BN_bn2binpad(S, Out.data(), static_cast<int>(Out.size()));
+  for (BIGNUM *Number : {N, D, M, S}) {
+    BN_free(Number);
+  }
+  BN_CTX_free(Context);
+  return Out;
+}
+
+Bytes Modulus(const TestKey &Key) { return Bytes(Key.Public.Modulus, Key.Public.Modulus + Key.Public.ModulusSize); }
+
+// Big-endian A + B over A's length (carry out dropped; callers check it fits).
+Bytes Add(Bytes A, const Bytes &B) {
+  unsigned Carry = 0;
+  for (size_t Index = A.size(); Index-- > 0;) {
+    const unsigned Sum = A[Index] + B[Index] + Carry;
+    A[Index] = static_cast<uint8_t>(Sum);
+    Carry = Sum >> 8;
+  }
+  return Carry == 0 ? A : Bytes(A.size(), 0xFF);
+}
+
+struct Case {
+  Bytes Message;
+  Bytes Signature;
+};
+using MakeCase = std::function<Case(const TestKey &, const Bytes &Message)>;
+
+Case Forged(const TestKey &Key, const Bytes &Message, const std::function<void(Bytes &)> &Damage) {
+  Bytes Em = GoodBlock(Key, Message);
+  Damage(Em);
+  return {Message, RaiseToD(Key, Em)};
+}
+
+Case Signed(const TestKey &Key, const Bytes &Message) {
+  Bytes Signature;
+  std::string Error;
+  EXPECT_TRUE(RsaSignSha256(Message, Key.Pem, Signature, Error)) << Error;
+  return {Message, Signature};
+}
+
+size_t SeparatorIndex(const TestKey &Key) { return Key.Public.ModulusSize - sizeof(kSha256Prefix) - 32 - 1; }
+
+struct Row {
+  std::string Name;
+  bool Valid;
+  MakeCase Make;
+};
+
+std::vector<Row> Rows() {
+  std::vector<Row> Table = {
+      {"OpenSSL signature", true, Signed},
+      {"forged well-formed block", true, [](auto &K, auto &M) { return Forged(K, M, [](Bytes &) {}); }},
+      {"leading byte 01", false, [](auto &K, auto &M) { return Forged(K, M, [](Bytes &E) { E[0] = 0x01; }); }},
+      {"block type 02", false, [](auto &K, auto &M) { return Forged(K, M, [](Bytes &E) { E[1] = 0x02; }); }},
+      {"FF run of 7 then separator", false,
+       [](auto &K, auto &M) { return Forged(K, M, [](Bytes &E) { E[2 + 7] = 0x00; }); }},
+      {"FF run broken by FE", false,
+       [](auto &K, auto &M) { return Forged(K, M, [&](Bytes &E) { E[SeparatorIndex(K) / 2] = 0xFE; }); }},
+      {"separator FF", false,
+       [](auto &K, auto &M) { return Forged(K, M, [&](Bytes &E) { E[SeparatorIndex(K)] = 0xFF; }); }},
+      {"block shifted left: separator early, zero at the end", false,
+       [](auto &K, auto &M) {
+         return Forged(K, M, [](Bytes &E) {
+           E.erase(E.begin() + 2);
+           E.push_back(0x00);
+         });
+       }},
+      {"SHA-1 DigestInfo", false,
+       [](auto &K, auto &M) { return Case{M, RaiseToD(K, Block(K, kSha1Prefix, sizeof(kSha1Prefix), Sha256(M)))}; }},
+      {"DigestInfo without NULL parameters", false,
+       [](auto &K, auto &M) {
+         const uint8_t NoNull[] = {0x30, 0x2f, 0x30, 0x0b, 0x06, 0x09, 0x60, 0x86, 0x48,
+                                   0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x04, 0x20};
+         return Case{M, RaiseToD(K, Block(K, NoNull, sizeof(NoNull), Sha256(M)))};
+       }},
+      {"hash of another message", false,
+       [](auto &K, auto &M) {
+         Bytes Other = M;
+         Other.push_back(0);
+         return Case{M, RaiseToD(K, GoodBlock(K, Other))};
+       }},
+      {"hash last byte flipped", false, [](auto &K, auto &M) { return Forged(K, M, [](Bytes &E) { E.back() ^= 1; }); }},
+      {"empty signature", false, [](auto &, auto &M) { return Case{M, {}}; }},
+      {"signature one byte short", false,
+       [](auto &K, auto &M) {
+         Case C = Signed(K, M);
+         C.Signature.pop_back();
+         return C;
+       }},
+      {"signature with a leading zero byte", false,
+       [](auto &K, auto &M) {
+         Case C = Signed(K, M);
+         C.Signature.insert(C.Signature.begin(), 0x00);
+         return C;
+       }},
+      {"signature 255 bytes", false, [](auto &, auto &M) { return Case{M, Bytes(255, 0x11)}; }},
+      {"signature 257 bytes", false, [](auto &, auto &M) { return Case{M, Bytes(257, 0x11)}; }},
+      {"signature equal to the modulus", false, [](auto &K, auto &M) { return Case{M, Modulus(K)}; }},
+      {"signature plus the modulus", false,
+       [](auto &K, auto &M) { return Case{M, Add(Signed(K, M).Signature, Modulus(K))}; }},
+      {"signature all FF", false, [](auto &K, auto &M) { return Case{M, Bytes(K.Public.ModulusSize, 0xFF)}; }},
+  };
+  for (size_t Index = 0; Index < sizeof(kSha256Prefix); Index++) {
+    Table.push_back({"DigestInfo byte " + std::to_string(Index) + " changed", false, [Index](auto &K, auto &M) {
+                       return Forged(K, M, [&](Bytes &E) { E[SeparatorIndex(K) + 1 + Index] ^= 0x01; });
+                     }});
+  }
+  return Table;
+}
+
+void ExpectAgreement(const TestKey &Key, const Case &C, bool Valid, const std::string &What) {
+  const BOOLEAN Compact =
+      EmuRsaVerifySha256(Key.Public, C.Message.data(), C.Message.size(), C.Signature.data(), C.Signature.size());
+  const BOOLEAN Reference =
+      EmuHostRsaVerifySha256(Key.Public, C.Message.data(), C.Message.size(), C.Signature.data(), C.Signature.size());
+  EXPECT_EQ(Reference, Valid ? TRUE : FALSE) << Key.Name << ": " << What << " (OpenSSL)";
+  EXPECT_EQ(Compact, Reference) << Key.Name << ": " << What << " (compact differs from OpenSSL)";
+}
+
+Bytes RandomBytes(std::mt19937 &Rng, size_t Length) {
+  Bytes Out(Length);
+  for (auto &Byte : Out) {
+    Byte = static_cast<uint8_t>(Rng());
+  }
+  return Out;
+}
+
+TEST(RsaDifferential, MalformedBlocksLengthsAndRangeAgreeWithOpenSsl) {
+  std::mt19937 Rng(7);
+  const std::vector<Row> Table = Rows();
+  for (const TestKey &Key : Keys()) {
+    ASSERT_NE(Key.Public.ModulusSize, 0u) << Key.Name;
+    for (size_t Length : {size_t{0}, size_t{77}}) {
+      const Bytes Message = RandomBytes(Rng, Length);
+      for (const Row &R : Table) {
+        ExpectAgreement(Key, R.Make(Key, Message), R.Valid, R.Name + ", message of " + std::to_string(Length));
+      }
+    }
+  }
+}
+
+TEST(RsaDifferential, ManyMessagesAndRandomBitFlipsAgreeWithOpenSsl) {
+  std::mt19937 Rng(11);
+  for (const TestKey &Key : Keys()) {
+    for (size_t Round = 0; Round < 6; Round++) {
+      const Bytes Message = RandomBytes(Rng, Round == 5 ? 70000 : Rng() % 300);
+      const Case Good = Signed(Key, Message);
+      ExpectAgreement(Key, Good, true, "message " + std::to_string(Round));
+      for (size_t Flip = 0; Flip < 3; Flip++) {
+        Case Bad = Good;
+        const size_t Bit = Rng() % (8 * Bad.Signature.size());
+        Bad.Signature[Bit / 8] ^= static_cast<uint8_t>(1u << (Bit % 8));
+        ExpectAgreement(Key, Bad, false, "signature bit " + std::to_string(Bit) + " flipped");
+        if (!Good.Message.empty()) {
+          Bad = Good;
+          const size_t MessageBit = Rng() % (8 * Bad.Message.size());
+          Bad.Message[MessageBit / 8] ^= static_cast<uint8_t>(1u << (MessageBit % 8));
+          ExpectAgreement(Key, Bad, false, "message bit " + std::to_string(MessageBit) + " flipped");
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
