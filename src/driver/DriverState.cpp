@@ -1,6 +1,7 @@
 #include "DriverState.h"
 
 #include "../base/BaseLib.h"
+#include "../base/Globals.h"
 
 BiosImageInterfaceProtocol *mBiosImageInterface = nullptr;
 BiosImageInterfaceProtocol *mBiosImageInterface2 = nullptr;
@@ -35,6 +36,9 @@ void ResetDriverStateForTest() {
   BootBlockUpdateEnabled = 0;
   mStageUpdateToDisk = 0;
   ZeroMem(&mFlashInfo, sizeof(mFlashInfo));
+  if (mVerifiedImage != nullptr && gBS != nullptr) {
+    gBS->FreePool(mVerifiedImage);
+  }
   mVerifiedImage = nullptr;
   mVerifiedImageSize = 0;
 }

@@ -317,6 +317,9 @@ EFI_STATUS EFIAPI SecuritySettingsLibDestructor(EFI_HANDLE ImageHandle, EFI_SYST
 #if defined(BIOS_HOST_BUILD)
 void ResetSecuritySettingsForTest() {
   ResetSettingsServicesForTest();
+  if (mSecuritySettingsCopy != nullptr && gBS != nullptr) {
+    gBS->FreePages(reinterpret_cast<EFI_PHYSICAL_ADDRESS>(mSecuritySettingsCopy), 1);
+  }
   mSecuritySettingsCopy = nullptr;
   mFlashServiceEvent = nullptr;
   mFlashServiceRegistration = nullptr;

@@ -115,7 +115,7 @@ EFI_STATUS EFIAPI BiosVerifySignature(BiosImageInterfaceProtocol *This, VOID *Im
   if (EfiError(Status)) {
     return Status;
   }
-  const UINT8 DxeSignCheckFlag = gConfig.DxeSignCheckFlag ? 1 : 0;
+  const UINT8 DxeSignCheckFlag = mDxeSignCheck != 0 ? 1 : 0;
   const UINT8 PeiSignCheckFlag = GetFirstGuidHob(&gPeiSignCheckHobGuid) != nullptr ? 1 : 0;
   ImageSignatureVerifyProtocol *Verifier = nullptr;
   Status = gBS->LocateProtocol(const_cast<EFI_GUID *>(&gImageSignatureVerifyProtocolGuid), nullptr,

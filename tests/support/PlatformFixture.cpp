@@ -31,12 +31,12 @@ void ResetAllDriverStateForTest() {
   ResetPointerRegistrationForTest();
   ResetVariableStorePointersForTest();
   ResetPspStateForTest();
+  ResetSecuritySettingsForTest();
   ResetGlobalsForTest();
   ResetHobCacheForTest();
   ResetSmmStateForTest();
   ResetDynamicPcdForTest();
   ResetCmosStateForTest();
-  ResetSecuritySettingsForTest();
   ResetEdkLibrariesForTest();
 }
 

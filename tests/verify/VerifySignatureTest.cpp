@@ -1,0 +1,382 @@
+// BiosVerifySignature: the reference update accepted in a recovery boot with what it prepares
+// (the private copy, the preserved variables, the progress ranges); a tampered image refused
+// before anything is written; one table of every refusal and of the signature-enforcement
+// HOBs; the excluded area; the security settings in an HFT update; the digest erasure.
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "../../src/driver/CallbackHub.h"
+#include "../../src/driver/Config.h"
+#include "../../src/driver/HookPoints.h"
+#include "../../src/verify/SecuritySettings.h"
+#include "../../src/verify/VerifySignature.h"
+#include "../../tools/lib/DefaultImageLayout.h"
+#include "../../tools/lib/FlashMapBuilder.h"
+#include "../../tools/lib/ImageSigner.h"
+#include "../../tools/lib/NewImageBuilder.h"
+#include "../../tools/lib/TestSigningKeys.h"
+#include "../../tools/lib/VariableStoreBuilder.h"
+#include "../flash/FlashFixture.h"
+
+namespace {
+
+using namespace DefaultImageLayout;
+
+struct SignedImage {
+  std::vector<uint8_t> Image;
+  std::vector<uint8_t> Signature;
+};
+
+SignedImage Sign(std::vector<uint8_t> Image, TestSigningKey Key = TestSigningKey::Selector1) {
+  SignedImage Signed{std::move(Image), {}};
+  std::string Error;
+  EXPECT_TRUE(SignImage(Signed.Image, TestSigningKeyPath(Key), Signed.Signature, Error)) << Error;
+  return Signed;
+}
+
+// The new image of the reference update, signed with the selector-1 key (built once per family).
+const SignedImage &NewSignedImage(char Family = kDefaultVersionFamily) {
+  static std::map<char, SignedImage> Built;
+  auto Found = Built.find(Family);
+  if (Found == Built.end()) {
+    NewImageOptions Options;
+    Options.Base.VersionFamily = Family;
+    Found = Built.emplace(Family, Sign(BuildNewImage(Options).Bytes)).first;
+  }
+  return Found->second;
+}
+
+size_t Offset(uint64_t FlashAddress) { return static_cast<size_t>(FlashAddress - EmuFlashLayout::kMappedBase); }
+
+// Where a GUID first appears in the image (the structures the embedded checks look for).
+size_t Find(const std::vector<uint8_t> &Image, const EFI_GUID &Guid) {
+  const auto *Bytes = reinterpret_cast<const uint8_t *>(&Guid);
+  return std::search(Image.begin(), Image.end(), Bytes, Bytes + sizeof(Guid)) - Image.begin();
+}
+
+EFI_STATUS EFIAPI RefuseImage(const VOID *, UINT64) { return EFI_ABORTED; }
+EFI_STATUS EFIAPI FailLayout(const VOID *, UINT64, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *,
+                             UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *, UINT64 *) {
+  return EFI_DEVICE_ERROR;
+}
+
+// A callback of the image-accept hook that refuses the image.
+VOID EFIAPI RejectingHook(UINTN, HookEntry *) {
+  static_cast<ImageHookRecord *>(HookFind(&gImageAcceptHookGuid)->CurrentRecord)->Verdict = kHookAnswerTaken;
+}
+
+class VerifySignature : public FlashFixture {
+public:
+  // What a table row may change before the driver starts.
+  void RegionTracked() { Platform->Config->Flags |= kPlatformConfigAlternativeFlag; }
+  void WithoutVerifier() { Install.SignatureVerifier = FALSE; }
+  void WithoutBootBlockFeature() {
+    Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, FALSE);
+    BootBlockUpdateHob = false;
+  }
+  bool AddRejectingHookAfterStart = false;
+
+protected:
+  void StartWith(EFI_BOOT_MODE BootMode = BOOT_WITH_FULL_CONFIGURATION) {
+    Hobs.Handoff()->BootMode = BootMode;
+    for (const EFI_GUID *Hob : ExtraHobs) {
+      Hobs.AddGuidHob(*Hob, nullptr, 0);
+    }
+    if (ResumeByte >= 0) {
+      const UINT8 Byte = static_cast<UINT8>(ResumeByte);
+      Hobs.AddGuidHob(gUpdateResumeHobGuid, &Byte, 1);
+    }
+    Start();
+    BiosImageQueryRecord Record;
+    ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
+  }
+  EFI_STATUS Verify(std::vector<uint8_t> &Image, std::vector<uint8_t> &Signature) {
+    return mBiosImageInterface->BiosVerifySignature(mBiosImageInterface, Image.data(), Image.size(),
+                                                    Signature.data(), Signature.size());
+  }
+  bool FlashUntouched() const {
+    return Platform->Flash.Stats().SectorErases == 0 && Platform->Flash.Stats().Programs == 0;
+  }
+  std::vector<uint8_t> Flash(uint64_t Address, size_t Length) const {
+    const UINT8 *Bytes = Platform->MappedFlash(Address, Length);
+    return std::vector<uint8_t>(Bytes, Bytes + Length);
+  }
+  void AddRejectingHook() {
+    ImageHookRecord First = MakeImageHookRecord();
+    ASSERT_EQ(HookSignal(&gImageAcceptHookGuid, &First), EFI_SUCCESS);  // creates the node
+    static HookEntry Entry;
+    Entry = {};
+    Entry.Callback = RejectingHook;
+    LIST_ENTRY &List = HookFind(&gImageAcceptHookGuid)->Lists[0];
+    Entry.Link.Flink = &List;
+    Entry.Link.Blink = List.Blink;
+    List.Blink->Flink = &Entry.Link;
+    List.Blink = &Entry.Link;
+  }
+
+  std::vector<const EFI_GUID *> ExtraHobs;
+  int ResumeByte = -1;
+};
+
+TEST_F(VerifySignature, RecoveryUpdateIsAcceptedAndPrepared) {
+  RegionTracked();
+  StartWith(BOOT_IN_RECOVERY_MODE);
+  SignedImage New = NewSignedImage();
+  ASSERT_EQ(Verify(New.Image, New.Signature), EFI_SUCCESS);
+
+  ASSERT_NE(mVerifiedImage, nullptr);
+  EXPECT_TRUE(std::equal(New.Image.begin(), New.Image.end(), mVerifiedImage, mVerifiedImage + mVerifiedImageSize));
+  EXPECT_NE(mVerifiedImage, New.Image.data());
+  // The region sources point into the private copy, not into the caller's buffer.
+  EXPECT_EQ(mUpdateRegionTable[RegionIbb1].Source,
+            reinterpret_cast<UINT64>(mVerifiedImage) + EmuFlashLayout::kIbb1Address - EmuFlashLayout::kMappedBase);
+
+  // The backup volume holds exactly the variables that survive a flash, live headers first.
+  const ParsedStore Backup = ParseVariableStore(Flash(kVariableBackupAddress, kVariableBackupSize), StoreHeaderForm::Vss);
+  std::vector<std::string> Kept;
+  for (const ParsedVariable &Variable : Backup.Variables) {
+    Kept.push_back(VariableNameText(Variable.Record.Name));
+  }
+  EXPECT_EQ(Kept, (std::vector<std::string>{"PK", "KEK", "db", "dbx", "CurrentPolicy", "OemHardwareConfig",
+                                            "BluetoothPairingInfo", "BluetoothPairingInfo", "Q42VtHasBeenEnable",
+                                            "VsmLocalKey2"}));
+
+  std::vector<std::string> Ranges;
+  for (UINTN Index = 0; Index < Platform->UpdateLogStore.Count; Index++) {
+    const EmuUpdateLogRecord &Record = Platform->UpdateLogStore.Records[Index];
+    if (Record.Type == 34) {
+      Ranges.emplace_back(reinterpret_cast<const char *>(Record.Data), Record.Length);
+    }
+  }
+  EXPECT_EQ(Ranges, (std::vector<std::string>{
+                        "IBBR(TopSwap):Percentage(0%-4%)/Block(1-189)", "PSPR(TopSwap):Percentage(4%-17%)/Block(189-701)",
+                        "IBB:Percentage(17%-21%)/Block(701-889)", "PSP:Percentage(21%-34%)/Block(889-1401)",
+                        "OBB:Percentage(34%-100%)/Block(1401-4096)"}));
+  EXPECT_EQ(Platform->CountCalls("SetUpdateInProgress"), 1u);
+  EXPECT_EQ(Platform->UpdateStatusBlock[kUpdateStatusAcceptedOffset], 1);
+}
+
+TEST_F(VerifySignature, TamperedImageIsRefusedBeforeAnythingIsWritten) {
+  ExtraHobs = {&gPeiSignCheckHobGuid};
+  RegionTracked();
+  StartWith(BOOT_IN_RECOVERY_MODE);
+  SignedImage New = NewSignedImage();
+  New.Image[Offset(kDxeFvAddress) + 0x1234] ^= 0x01;
+  EXPECT_EQ(Verify(New.Image, New.Signature), EFI_SECURITY_VIOLATION);
+  EXPECT_EQ(mVerifiedImage, nullptr);
+  EXPECT_TRUE(FlashUntouched());
+  EXPECT_EQ(Platform->CountCalls("SetUpdateInProgress"), 0u);
+}
+
+// ---- Every refusal, and what the enforcement HOBs change -------------------------------------
+
+enum class Variant { Signed, ForeignKey, NoSignatureFile, BadFvSignature, NoFlashMap, BadRegion, Short };
+
+SignedImage MakeVariant(Variant Kind) {
+  SignedImage Made = NewSignedImage();
+  std::vector<uint8_t> &Image = Made.Image;
+  switch (Kind) {
+    case Variant::Signed:
+      break;
+    case Variant::ForeignKey: {
+      // Only the detached signature is foreign; the embedded ones stay good.
+      std::vector<uint8_t> Input;
+      std::string Error;
+      EXPECT_TRUE(DetachedSignatureInput(Image, Input, Error) &&
+                  RsaSignSha256(Input, TestSigningKeyPath(TestSigningKey::Foreign), Made.Signature, Error))
+          << Error;
+      break;
+    }
+    case Variant::NoSignatureFile:
+      Image[Find(Image, gFvSignatureFileGuid)] ^= 0x01;
+      break;
+    case Variant::BadFvSignature:
+      Image[Find(Image, gFvSignatureFileGuid) + 24 + 4 + 100] ^= 0x01;  // inside the signature
+      break;
+    case Variant::NoFlashMap:
+      Image[Offset(kDefaultFlashMapAddress)] ^= 0x01;
+      break;
+    case Variant::BadRegion:
+      Image[Offset(kSignedRegions[4].Address) + 0x40] ^= 0x01;  // signed by the flash map only
+      break;
+    case Variant::Short:
+      Image.resize(Offset(kSignatureExcludedAddress) + kSignatureExcludedSize - 1);
+      break;
+  }
+  return Made;
+}
+
+struct RefusalCase {
+  const char *Name;
+  Variant Image;
+  std::vector<const EFI_GUID *> Hobs;
+  std::function<void(VerifySignature &, EmuPlatform &)> Setup;
+  EFI_STATUS Expected;
+  bool ImageKept;  // mVerifiedImage holds the image afterwards
+};
+
+class VerifyRefusals : public VerifySignature, public ::testing::WithParamInterface<RefusalCase> {};
+
+TEST_P(VerifyRefusals, ExactStatusAndWhatIsKept) {
+  const RefusalCase &Case = GetParam();
+  ExtraHobs = Case.Hobs;
+  if (Case.Setup) {
+    Case.Setup(*this, *Platform);
+  }
+  StartWith();
+  if (AddRejectingHookAfterStart) {
+    AddRejectingHook();
+  }
+  SignedImage Made = MakeVariant(Case.Image);
+  const std::vector<uint8_t> Before = Made.Image;
+  EXPECT_EQ(Verify(Made.Image, Made.Signature), Case.Expected);
+  EXPECT_EQ(mVerifiedImage != nullptr, Case.ImageKept);
+  EXPECT_EQ(Made.Image, Before);  // the caller's buffer is never left changed
+  EXPECT_TRUE(FlashUntouched());
+}
+
+const EFI_GUID *kPei = &gPeiSignCheckHobGuid;
+const EFI_GUID *kEnforce = &gFvSignatureEnforceHobGuid;
+const EFI_GUID *kWaiver = &gFvSignatureWaiverHobGuid;
+const auto kNoSetup = std::function<void(VerifySignature &, EmuPlatform &)>();
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, VerifyRefusals,
+    ::testing::Values(
+        RefusalCase{"Accepted", Variant::Signed, {kPei, kEnforce}, kNoSetup, EFI_SUCCESS, true},
+        RefusalCase{"ForeignKeyWithoutPeiHobGoesOn", Variant::ForeignKey, {}, kNoSetup, EFI_SUCCESS, true},
+        RefusalCase{"ForeignKeyWithPeiHob", Variant::ForeignKey, {kPei}, kNoSetup, EFI_SECURITY_VIOLATION, false},
+        RefusalCase{"SecondSelectorStatusReturned", Variant::ForeignKey, {kPei},
+                    [](VerifySignature &, EmuPlatform &P) { P.SignatureKeys.Keys[0].ModulusSize = 0; },
+                    EFI_NOT_FOUND, false},
+        RefusalCase{"PeiHobWithoutDxeCheck", Variant::Signed, {kPei},
+                    [](VerifySignature &, EmuPlatform &) { gConfig.DxeSignCheckFlag = FALSE; },
+                    EFI_SECURITY_VIOLATION, false},
+        RefusalCase{"PlatformRefusesImage", Variant::Signed, {},
+                    [](VerifySignature &, EmuPlatform &P) { P.Config->CheckImage = RefuseImage; }, EFI_ABORTED,
+                    false},
+        RefusalCase{"NoVerifier", Variant::Signed, {},
+                    [](VerifySignature &T, EmuPlatform &) { T.WithoutVerifier(); }, EFI_NOT_FOUND,
+                    false},
+        RefusalCase{"LayoutQueryFails", Variant::Signed, {},
+                    [](VerifySignature &T, EmuPlatform &P) {
+                      T.RegionTracked();
+                      P.Config->GetUpdateLayout = FailLayout;
+                    },
+                    EFI_DEVICE_ERROR, false},
+        RefusalCase{"NoSignatureFileEvenUnenforced", Variant::NoSignatureFile, {}, kNoSetup, EFI_SECURITY_VIOLATION,
+                    false},
+        RefusalCase{"BadFvSignatureEnforced", Variant::BadFvSignature, {kEnforce}, kNoSetup, EFI_SECURITY_VIOLATION,
+                    false},
+        RefusalCase{"BadFvSignatureWaived", Variant::BadFvSignature, {kEnforce, kWaiver}, kNoSetup, EFI_SUCCESS, true},
+        RefusalCase{"BadFvSignatureUnenforced", Variant::BadFvSignature, {}, kNoSetup, EFI_SUCCESS, true},
+        RefusalCase{"NoFlashMapRecord", Variant::NoFlashMap, {}, kNoSetup, EFI_NOT_FOUND, false},
+        RefusalCase{"FlashMapSignatureFails", Variant::BadRegion, {}, kNoSetup, EFI_SECURITY_VIOLATION, false},
+        RefusalCase{"FlashMapUncheckedWithoutBootBlockFeature", Variant::BadRegion, {},
+                    [](VerifySignature &T, EmuPlatform &) { T.WithoutBootBlockFeature(); }, EFI_SUCCESS,
+                    true},
+        RefusalCase{"StagingFails", Variant::Signed, {},
+                    [](VerifySignature &, EmuPlatform &P) { P.ExtendedCmos[0xF8] = 0xFF; }, EFI_NOT_READY, false},
+        RefusalCase{"HookRefusesAfterTheCopy", Variant::Signed, {},
+                    [](VerifySignature &T, EmuPlatform &) { T.AddRejectingHookAfterStart = true; },
+                    EFI_SECURITY_VIOLATION, true},
+        RefusalCase{"ImageTooShortForExcludedArea", Variant::Short, {}, kNoSetup, EFI_BAD_BUFFER_SIZE, false}),
+    [](const ::testing::TestParamInfo<RefusalCase> &Info) { return std::string(Info.param.Name); });
+
+// ---- The excluded area, the security settings, the digests, a second verification ----------
+
+TEST_F(VerifySignature, ExcludedAreaDoesNotCountAndIsPutBack) {
+  ExtraHobs = {&gPeiSignCheckHobGuid};
+  StartWith();
+  SignedImage New = NewSignedImage();
+  const std::vector<uint8_t> Stamp = PseudoRandomBytes(kSignatureExcludedSize, 7);
+  std::copy(Stamp.begin(), Stamp.end(), New.Image.begin() + Offset(kSignatureExcludedAddress));
+  const std::vector<uint8_t> Before = New.Image;
+  EXPECT_EQ(Verify(New.Image, New.Signature), EFI_SUCCESS);
+  EXPECT_EQ(New.Image, Before);
+  New.Image[Offset(kSignatureExcludedAddress) - 1] ^= 0x01;  // just outside: counted
+  EXPECT_EQ(Verify(New.Image, New.Signature), EFI_SECURITY_VIOLATION);
+}
+
+TEST_F(VerifySignature, NullPointersAreRefused) {
+  StartWith();
+  SignedImage New = NewSignedImage();
+  EXPECT_EQ(mBiosImageInterface->BiosVerifySignature(mBiosImageInterface, nullptr, New.Image.size(),
+                                                     New.Signature.data(), New.Signature.size()),
+            EFI_INVALID_PARAMETER);
+  EXPECT_EQ(mBiosImageInterface->BiosVerifySignature(mBiosImageInterface, New.Image.data(), New.Image.size(), nullptr,
+                                                     0),
+            EFI_INVALID_PARAMETER);
+  EXPECT_EQ(Platform->CountCalls("CheckImage"), 0u);
+}
+
+// In an HFT update the security settings are saved and written back, unless a
+// region-tracked update is being resumed.
+class VerifyHftSettings : public VerifySignature, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(VerifyHftSettings, SavedUnlessResuming) {
+  const bool Resuming = GetParam();
+  ResumeByte = Resuming ? 0x05 : -1;
+  const UINT8 Hft = 1;
+  Sim.SetVariable(u"HFT", gPlatformVariableGuid, 7, &Hft, 1);
+  RegionTracked();
+  StartWith();
+  ASSERT_EQ(mUpdateMode, UpdateModeHft);
+  SignedImage New = NewSignedImage();
+  ASSERT_EQ(Verify(New.Image, New.Signature), EFI_SUCCESS);
+  EXPECT_EQ(mSecuritySettingsCopy != nullptr, !Resuming);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, VerifyHftSettings, ::testing::Bool());
+
+struct DigestCase {
+  const char *Name;
+  const char16_t *InstalledTag;
+  char NewFamily;
+  bool Erased;
+};
+
+class VerifyDigests : public VerifySignature, public ::testing::WithParamInterface<DigestCase> {};
+
+TEST_P(VerifyDigests, ErasedOnlyWhenTheFamilyBecomesF) {
+  const DigestCase &Case = GetParam();
+  Platform->FlashService->VerifyFlags |= 0x02;
+  Sim.SetPcd(gPlatformPcdTokenSpace2Guid, kBiosVersionTagToken, reinterpret_cast<UINT64>(Case.InstalledTag));
+  const std::vector<uint8_t> Digest = PseudoRandomBytes(kDigestArea1Size, 3);
+  for (const UINT32 Area : {kDigestArea1Address, kDigestArea3Address}) {
+    Platform->Flash.Load(static_cast<UINT32>(Area - Platform->FlashBaseAddress), Digest.data(), kDigestArea1Size);
+  }
+  StartWith();
+  SignedImage New = NewSignedImage(Case.NewFamily);
+  ASSERT_EQ(Verify(New.Image, New.Signature), EFI_SUCCESS);
+
+  std::vector<uint8_t> Area1 = Digest;
+  if (Case.Erased) {
+    std::fill(Area1.begin(), Area1.begin() + kAuthVarDigestMarkBytes, 0xFF);
+  }
+  EXPECT_EQ(Flash(kDigestArea1Address, kDigestArea1Size), Area1);
+  EXPECT_EQ(Flash(kDigestArea3Address, kDigestArea3Size),
+            Case.Erased ? std::vector<uint8_t>(kDigestArea3Size, 0xFF) : Digest);
+  EXPECT_EQ(Flash(kDigestArea2Address, kDigestArea2Size)[0] == 0xFF, true);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, VerifyDigests,
+                         ::testing::Values(DigestCase{"IntoFamilyF", u"E1.07", 'F', true},
+                                           DigestCase{"AlreadyF", u"F1.07", 'F', false},
+                                           DigestCase{"StaysE", u"E1.07", 'E', false},
+                                           DigestCase{"TagTooLongCountsAsEmpty", u"F1.07.2024", 'F', true}),
+                         [](const ::testing::TestParamInfo<DigestCase> &Info) { return std::string(Info.param.Name); });
+
+TEST_F(VerifySignature, SecondVerificationReplacesTheCopyWithoutLeaking) {
+  StartWith();
+  SignedImage New = NewSignedImage();
+  ASSERT_EQ(Verify(New.Image, New.Signature), EFI_SUCCESS);
+  const size_t Live = Sim.LiveAllocations();
+  ASSERT_EQ(Verify(New.Image, New.Signature), EFI_SUCCESS);
+  EXPECT_EQ(Sim.LiveAllocations(), Live);
+}
+
+}  // namespace
