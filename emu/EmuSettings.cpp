@@ -106,7 +106,7 @@ VOID EmuSettingsLoadReferenceBlocks(EmuPlatform &Platform) {
   }
   WriteUnaligned16(Record + kSettingsChecksumOffset, static_cast<UINT16>(0x10000 - Sum));
 
-  const UINT32 Addresses[] = {kSecuritySettingsBlockAddress, kSecuritySettingsBackupAddress};
+  const UINT32 Addresses[] = {SecuritySettingsBlock, SecuritySettingsBackup};
   for (UINT32 Address : Addresses) {
     UINT32 Offset;
     if (Platform.FlashOffset(Address, sizeof(Record), Offset)) {

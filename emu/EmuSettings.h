@@ -26,7 +26,7 @@ struct EmuSettings {
   UINT8 *SetupData = nullptr;                         // kSetupDataSize bytes
   UINT16 *SetupFieldOffsets = nullptr;                // kSetupFieldCount entries
   UINT8 *SetupRecord = nullptr;                       // kSetupRecordSize bytes, older layout
-  SecuritySetupBlock *SecuritySetup = nullptr;        // behind PlatformDataBlock 0x3A5
+  SecuritySetupBlock *SecuritySetup = nullptr;        // behind FlashServiceData 0x3A5
 
   SettingsSmmServiceProtocol *SmmService = nullptr;  // gSettingsSmmServiceGuid
   SettingsSmmFlashProtocol *SmmFlash = nullptr;      // gSettingsSmmFlashGuid

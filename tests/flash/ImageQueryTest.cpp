@@ -148,7 +148,7 @@ TEST_F(ImageQuery, FirstTableReblocksOtherGeometriesThroughTheProduct) {
 
 TEST_F(ImageQuery, NullRecordIsRefusedBeforeAnythingHappens) {
   Start();
-  EXPECT_EQ(mBiosImageInterface->BiosQueryImage(mBiosImageInterface, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(mBiosImageInterface->BiosQueryImage(mBiosImageInterface, nullptr, 0, 0), EFI_INVALID_PARAMETER);
   EXPECT_EQ(Platform->CallCount, 0u);
 }
 

@@ -123,12 +123,12 @@ TEST_F(SecuritySettingsWrite, SealsWithTheWordChecksumOrWithSha256UnderDigestPro
 
   ASSERT_EQ(Platform->CallCount, 3u);
   EXPECT_STREQ(Platform->Calls[0].Name, "FlashDeviceErase");
-  EXPECT_EQ(Platform->Calls[0].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], SecuritySettingsBlock);
   EXPECT_EQ(Platform->Calls[0].Arguments[1], kSecuritySettingsSize);
   EXPECT_STREQ(Platform->Calls[1].Name, "FlashDeviceDelay");
   EXPECT_EQ(Platform->Calls[1].Arguments[0], 50u);
   EXPECT_STREQ(Platform->Calls[2].Name, "FlashDeviceWrite");
-  EXPECT_EQ(Platform->Calls[2].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Platform->Calls[2].Arguments[0], SecuritySettingsBlock);
   EXPECT_EQ(Platform->Calls[2].Arguments[2], kSecuritySettingsSize);
   EXPECT_EQ(Platform->Flash.Stats().ProgramFaults, 0u);
 
@@ -298,7 +298,7 @@ TEST_F(SecuritySettingsRecover, APowerCutDuringAWriteIsRepairedFromTheBackupAtTh
   EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
   EXPECT_EQ(FailFlagAttributes(), 7u);
   EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
-  EXPECT_EQ(Platform->Calls[0].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], SecuritySettingsBlock);
   EXPECT_EQ(Sim.ResetCount(), 0u);
 }
 
