@@ -241,7 +241,10 @@ EFI_STATUS WriteSecuritySettings(UINT8 *Record) {
     return EFI_ACCESS_DENIED;
   }
   const UINT8 *Live = LiveBlock();
-  if (Live != nullptr && (Record == Live || CompareMem(Record, Live, kSecuritySettingsSize) == 0)) {
+  if (Live == nullptr) {
+    return EFI_NOT_FOUND;
+  }
+  if (Record == Live || CompareMem(Record, Live, kSecuritySettingsSize) == 0) {
     return EFI_SUCCESS;
   }
   if (!LiesInMappedFlash(Record) && !SealRecord(Record)) {
