@@ -334,6 +334,9 @@ TEST_F(ImageQuery, LengthsBecomeWholePagesAndEqualStartsFollowTheExchangeSort) {
   // Collected as always-list first: {5000,2} {3000,1} {5000,3} {1000,1}; the exchange sort
   // swaps only on a greater start, which moves the two 0x5000 entries past each other.
   EXPECT_EQ(ReportedRegions(StartAndQuery()), (Regions{{0x1000, 1}, {0x3000, 1}, {0x5000, 3}, {0x5000, 2}}));
+  // Alone, two equal starts keep the order they were collected in: the always-list's first.
+  SetSkipLists({{0x5000, 0x3000}}, {{0x5000, 0x2000}});
+  EXPECT_EQ(ReportedRegions(QueryAgain(mBiosImageInterface)), (Regions{{0x5000, 2}, {0x5000, 3}}));
 }
 
 TEST_F(ImageQuery, HftVariableSelectsTheHftModeOnceAndDropsTheNormalList) {
@@ -382,11 +385,19 @@ TEST_F(ImageQuery, FullRecoveryHobStartsARecoveryUpdateAtTheFirstRegion) {
 // ---- What follows a query ----------------------------------------------------------------
 
 TEST_F(ImageQuery, CapabilityBitsSelectTheNotificationAndThePostQueryCall) {
-  Platform->FlashService->FlashCapabilities = 0x00;
   Platform->FlashPlatform.LowerFlashWritable = 1;
-  StartAndQuery();
-  EXPECT_EQ(Calls("QueryNotify"), 0u);
-  EXPECT_EQ(Calls("PostQuery"), 0u);
+  Start();
+  const struct {
+    UINT8 Capabilities;
+    size_t Notify, PostQuery;
+  } kRows[] = {{0x00, 0, 0}, {0x01, 1, 0}, {0x08, 0, 1}, {0x09, 1, 1}};
+  for (const auto &Row : kRows) {
+    Platform->FlashService->FlashCapabilities = Row.Capabilities;
+    Platform->ClearCalls();
+    QueryAgain(mBiosImageInterface);
+    EXPECT_EQ(Calls("QueryNotify"), Row.Notify) << int(Row.Capabilities);
+    EXPECT_EQ(Calls("PostQuery"), Row.PostQuery) << int(Row.Capabilities);
+  }
   EXPECT_TRUE(mLowerFlashWritable) << "the lower-flash permission is asked whatever the capabilities";
 }
 

@@ -222,6 +222,8 @@ TEST_F(CmosAccess, FullJournalAreaDropsTheRecordButStillUpdatesCmos) {
   AppendCmosJournal(0xF7, 3, nullptr);
   EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[0], 0xF7);
   EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[1], 3);
+  AppendCmosJournal(0xF6, 4, nullptr);  // exactly fills the area
+  EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 2)[0], 0xF6);
 
   Platform->ClearCalls();
   gConfig.CmosJournalBase = 0;  // no journal base means no journal
