@@ -11,6 +11,7 @@
 
 #include "emu/EmuPlatform.h"
 #include "emu/host/EmuHostMemory.h"
+#include "src/base/BaseLib.h"
 #include "src/base/Globals.h"
 #include "src/base/Guids.h"
 #include "src/base/Hob.h"
@@ -19,6 +20,7 @@
 #include "src/driver/Config.h"
 #include "src/driver/DynamicPcd.h"
 #include "src/driver/FlashMap.h"
+#include "src/driver/LibraryList.h"
 
 namespace {
 // Area types worth hitting: the named-area type and a few the fuzzer can spell from its input.
@@ -85,13 +87,15 @@ void AppendGuidHob(std::vector<uint8_t> &List, const EFI_GUID &Guid, const void 
   List.insert(List.end(), Raw, Raw + sizeof(Header));
   const size_t At = List.size();
   List.resize(At + Padded, 0);
-  std::memcpy(List.data() + At, Data, Size);
+  if (Size != 0) {
+    std::memcpy(List.data() + At, Data, Size);
+  }
 }
 
 // Places the map at a flash address, up to the window's end; remembers what to erase.
 void PutInFlash(UINT64 Address, const std::vector<uint8_t> &Map, std::vector<std::pair<UINT32, UINT32>> &Written) {
   EmuPlatform &P = Platform();
-  if (Address < P.FlashBaseAddress || Address >= 0x100000000ull) {
+  if (Map.empty() || Address < P.FlashBaseAddress || Address >= 0x100000000ull) {
     return;
   }
   const UINT32 Offset = static_cast<UINT32>(Address - P.FlashBaseAddress);
@@ -148,7 +152,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
   const uint8_t Control = Data[0];
   UINT32 Raw = 0;
   std::memcpy(&Raw, Data + 1, sizeof(Raw));
-  gPcdAddress = Raw < 0x1000 ? Raw : 0xFF000000ull | (Raw & 0xFFFFF0);  // 0 and small values too
+  // 0, or an address in the flash window (the platform's PCD never names other memory).
+  gPcdAddress = (Raw & 0x80000000) != 0 ? 0 : 0xFF000000ull | (Raw & 0xFFFFF0);
   Data += 5;
   Size -= 5;
   const std::vector<uint8_t> Map(Data, Data + Size);
@@ -163,7 +168,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
 
   std::vector<std::pair<UINT32, UINT32>> Written;
   const UINT64 Places[] = {0, 0xFF0EA000, 0xFFFFF000, gPcdAddress};
-  PutInFlash(Places[(Control >> kFlashPlaceShift) & 3], Map, Written);
+  const unsigned Place = (Control >> kFlashPlaceShift) & 3;
+  std::vector<uint8_t> InFlash = Map;
+  if (Place == 2 && InFlash.size() >= 8) {
+    InFlash[6] = InFlash[7] = 0;  // in the last page, a TotalSize below 64 KiB: near the window's end
+  }
+  PutInFlash(Places[Place], InFlash, Written);
 
   // Hand-off HOB, the chosen GUID HOBs, end HOB; the map HOB holds exactly the map.
   std::vector<uint8_t> List(sizeof(EFI_HOB_HANDOFF_INFO_TABLE), 0);
