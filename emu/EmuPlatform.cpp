@@ -51,7 +51,7 @@ BOOLEAN EmuPlatform::Initialize(const EmuMemory &Memory, const EmuLayout &NewLay
   DebugService = AllocateZeroed<EmuDebugServiceArea>(Memory.AllocateBelow4G);
   Config = AllocateZeroed<PlatformConfigProtocol>(Memory.Allocate);
   FlashService = AllocateZeroed<PlatformFlashServiceProtocol>(Memory.Allocate);
-  PlatformData = AllocateZeroed<PlatformDataBlock>(Memory.Allocate);
+  PlatformData = AllocateZeroed<FlashServiceData>(Memory.Allocate);
   FlashDevice = AllocateZeroed<PlatformFlashDeviceProtocol>(Memory.Allocate);
   BootBlockHandler = AllocateZeroed<BootBlockHandlerProtocol>(Memory.Allocate);
   UpdateLog = AllocateZeroed<UpdateLogProtocol>(Memory.Allocate);

@@ -138,7 +138,7 @@ public:
   // ---- Platform protocols -----------------------------------------------------------------
   PlatformConfigProtocol *Config = nullptr;
   PlatformFlashServiceProtocol *FlashService = nullptr;
-  PlatformDataBlock *PlatformData = nullptr;
+  FlashServiceData *PlatformData = nullptr;
   PlatformFlashDeviceProtocol *FlashDevice = nullptr;
   BootBlockHandlerProtocol *BootBlockHandler = nullptr;
   UpdateLogProtocol *UpdateLog = nullptr;

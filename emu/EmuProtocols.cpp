@@ -28,6 +28,7 @@ EFI_STATUS EFIAPI FlashDeviceDelay(UINTN Units) {
 
 EFI_STATUS EFIAPI FlashDevicePrepareSetupData(VOID *This) {
   P().Record("FlashDevicePrepareSetupData", Ptr(This));
+  EmuSettingsPrepareSetupData(P());
   return EFI_SUCCESS;
 }
 

@@ -28,6 +28,7 @@ EFI_STATUS EFIAPI SmmFlashDelay(UINTN Units) {
 
 EFI_STATUS EFIAPI SmmFlashPrepareSetupData(VOID *This) {
   P().Record("SmmFlashPrepareSetupData", Ptr(This));
+  EmuSettingsPrepareSetupData(P());
   return EFI_SUCCESS;
 }
 
@@ -45,6 +46,7 @@ BOOLEAN EmuSettingsInitialize(EmuPlatform &Platform, const EmuMemory &Memory) {
   EmuSettings &Settings = Platform.Settings;
   Settings.SetupDescription = AllocateZeroed<SetupDataDescription>(Memory);
   Settings.SetupData = AllocateZeroed<UINT8>(Memory, EmuSettings::kSetupDataSize);
+  Settings.StaleSetupData = AllocateZeroed<UINT8>(Memory, EmuSettings::kSetupDataSize);
   Settings.SetupFieldOffsets = AllocateZeroed<UINT16>(Memory, EmuSettings::kSetupFieldCount);
   Settings.SetupRecord = AllocateZeroed<UINT8>(Memory, EmuSettings::kSetupRecordSize);
   Settings.SecuritySetup = AllocateZeroed<SecuritySetupBlock>(Memory);
@@ -52,7 +54,8 @@ BOOLEAN EmuSettingsInitialize(EmuPlatform &Platform, const EmuMemory &Memory) {
   Settings.SmmFlash = AllocateZeroed<SettingsSmmFlashProtocol>(Memory);
   Settings.SmmSecurityLink = AllocateZeroed<SmmSecuritySetupLink>(Memory);
   Settings.SetupSmm = AllocateZeroed<PlatformSetupSmmProtocol>(Memory);
-  if (Settings.SetupDescription == nullptr || Settings.SetupData == nullptr || Settings.SetupFieldOffsets == nullptr ||
+  if (Settings.SetupDescription == nullptr || Settings.SetupData == nullptr || Settings.StaleSetupData == nullptr ||
+      Settings.SetupFieldOffsets == nullptr ||
       Settings.SetupRecord == nullptr || Settings.SecuritySetup == nullptr || Settings.SmmService == nullptr ||
       Settings.SmmFlash == nullptr || Settings.SmmSecurityLink == nullptr || Settings.SetupSmm == nullptr) {
     return FALSE;
@@ -65,7 +68,8 @@ BOOLEAN EmuSettingsInitialize(EmuPlatform &Platform, const EmuMemory &Memory) {
   Settings.SetupData[EmuSettings::kField19Offset] = EmuSettings::kField19Value;
   Settings.SetupData[EmuSettings::kField20Offset] = EmuSettings::kField20Value;
   Settings.SetupData[EmuSettings::kField25Offset] = EmuSettings::kField25Value;
-  Settings.SetupDescription->SetupData = Settings.SetupData;
+  // Until member 24 (member 2 in SMM) prepares it, the description names a stale, zeroed copy.
+  Settings.SetupDescription->SetupData = Settings.StaleSetupData;
   Settings.SetupDescription->FieldOffsets = Settings.SetupFieldOffsets;
 
   // Recording switched on: bit 2 of the older layout's field 7, and the security setup byte.
@@ -106,11 +110,15 @@ VOID EmuSettingsLoadReferenceBlocks(EmuPlatform &Platform) {
   }
   WriteUnaligned16(Record + kSettingsChecksumOffset, static_cast<UINT16>(0x10000 - Sum));
 
-  const UINT32 Addresses[] = {kSecuritySettingsBlockAddress, kSecuritySettingsBackupAddress};
+  const UINT32 Addresses[] = {SecuritySettingsBlock, SecuritySettingsBackup};
   for (UINT32 Address : Addresses) {
     UINT32 Offset;
     if (Platform.FlashOffset(Address, sizeof(Record), Offset)) {
       Platform.Flash.Load(Offset, Record, sizeof(Record));
     }
   }
+}
+
+VOID EmuSettingsPrepareSetupData(EmuPlatform &Platform) {
+  Platform.Settings.SetupDescription->SetupData = Platform.Settings.SetupData;
 }

@@ -24,9 +24,10 @@ struct EmuSettings {
 
   SetupDataDescription *SetupDescription = nullptr;  // flash device member 1, SMM flash member 1
   UINT8 *SetupData = nullptr;                         // kSetupDataSize bytes
+  UINT8 *StaleSetupData = nullptr;                    // what the description names until prepared
   UINT16 *SetupFieldOffsets = nullptr;                // kSetupFieldCount entries
   UINT8 *SetupRecord = nullptr;                       // kSetupRecordSize bytes, older layout
-  SecuritySetupBlock *SecuritySetup = nullptr;        // behind PlatformDataBlock 0x3A5
+  SecuritySetupBlock *SecuritySetup = nullptr;        // behind FlashServiceData 0x3A5
 
   SettingsSmmServiceProtocol *SmmService = nullptr;  // gSettingsSmmServiceGuid
   SettingsSmmFlashProtocol *SmmFlash = nullptr;      // gSettingsSmmFlashGuid
@@ -40,3 +41,6 @@ BOOLEAN EmuSettingsInitialize(EmuPlatform &Platform, const EmuMemory &Memory);
 // Loads the live settings block and its backup with the same record: reference settings
 // data, the backup magic, sealed with the word checksum. Not counted as flash operations.
 VOID EmuSettingsLoadReferenceBlocks(EmuPlatform &Platform);
+// What the flash device's member 24 (the SMM flash interface's member 2) does before the
+// setup data is read: points the description at the current setup data.
+VOID EmuSettingsPrepareSetupData(EmuPlatform &Platform);

@@ -35,11 +35,14 @@ VOID *Map(UINTN Size, bool Below4G) {
       return Reused.Block;
     }
   }
-  void *Block = mmap(nullptr, Length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | (Below4G ? MAP_32BIT : 0),
-                     -1, 0);
+  // One inaccessible page follows each mapping, so that a read past its end faults at once
+  // (the sanitizer does not watch mapped memory).
+  void *Block = mmap(nullptr, Length + 4096, PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS | (Below4G ? MAP_32BIT : 0), -1, 0);
   if (Block == MAP_FAILED) {
     return nullptr;
   }
+  mprotect(static_cast<char *>(Block) + Length, 4096, PROT_NONE);
   Live().push_back({Block, Length, Below4G});
   return Block;
 }

@@ -115,7 +115,7 @@ static_assert(offsetof(PlatformConfigProtocol, GetUpdateLayout) == 0x27E);
 
 constexpr UINT8 kPlatformConfigAlternativeFlag = 0x40;
 
-// The platform's security setup, reached from PlatformDataBlock (and, in SMM, from the
+// The platform's security setup, reached from FlashServiceData (and, in SMM, from the
 // settings service's member 55); byte 0x578 is 1 when physical presence recording is on.
 struct SecuritySetupBlock {
   UINT8 Opaque000[0x578];
@@ -125,7 +125,7 @@ struct SecuritySetupBlock {
 static_assert(offsetof(SecuritySetupBlock, PpRecordingSwitch) == 0x578);
 
 // ---- Platform data block behind PlatformFlashServiceProtocol offset 0x08 -----------------
-struct PlatformDataBlock {
+struct FlashServiceData {
   UINT8 Opaque000[0x174];
   UINT8 CmosIndexPort;  // 0x174: first argument of every CMOS access
   UINT8 CmosDataPort;   // 0x175: second argument
@@ -133,9 +133,9 @@ struct PlatformDataBlock {
   SecuritySetupBlock *SecuritySetup;  // 0x3A5
   UINT8 Opaque3AD[0x600 - 0x3AD];
 };
-static_assert(offsetof(PlatformDataBlock, CmosIndexPort) == 0x174);
-static_assert(offsetof(PlatformDataBlock, CmosDataPort) == 0x175);
-static_assert(offsetof(PlatformDataBlock, SecuritySetup) == 0x3A5);
+static_assert(offsetof(FlashServiceData, CmosIndexPort) == 0x174);
+static_assert(offsetof(FlashServiceData, CmosDataPort) == 0x175);
+static_assert(offsetof(FlashServiceData, SecuritySetup) == 0x3A5);
 
 // ---- Platform flash service (gPlatformFlashServiceProtocolGuid) --------------------------
 #pragma pack(push, 1)
@@ -179,7 +179,7 @@ typedef EFI_STATUS(EFIAPI *PLATFORM_GENERIC_MEMBER)(UINT64 Argument);
 
 struct PlatformFlashServiceProtocol {
   UINT8 *SetupRecord;               // 0x00: the platform's setup record (two layouts)
-  PlatformDataBlock *PlatformData;  // 0x08
+  FlashServiceData *PlatformData;  // 0x08
   UINT8 Opaque010[0x23 - 0x10];
   UINT8 SettingsFlags;  // 0x23: bit 0 SettingsBackupSupported
   UINT8 Opaque024[0x31 - 0x24];

@@ -6,7 +6,9 @@ struct BiosImageInterfaceProtocol;
 
 typedef EFI_STATUS(EFIAPI *BIOS_GET_DRIVER_VERSION)(BiosImageInterfaceProtocol *This, UINT8 *Major, UINT8 *Minor);
 typedef EFI_STATUS(EFIAPI *BIOS_GET_UPDATE_TOKEN)(BiosImageInterfaceProtocol *This, UINT64 *Token);
-typedef EFI_STATUS(EFIAPI *BIOS_QUERY_IMAGE)(BiosImageInterfaceProtocol *This, VOID *QueryRecord);
+// The query's last two arguments belong to the update application; the service does not read them.
+typedef EFI_STATUS(EFIAPI *BIOS_QUERY_IMAGE)(BiosImageInterfaceProtocol *This, VOID *QueryRecord, UINT64 Unused2,
+                                             UINT64 Unused3);
 typedef EFI_STATUS(EFIAPI *BIOS_READ_IMAGE)(BiosImageInterfaceProtocol *This, UINT64 Unused, VOID **Buffer);
 typedef EFI_STATUS(EFIAPI *BIOS_WRITE_IMAGE)(BiosImageInterfaceProtocol *This, VOID *WriteRequest,
                                              VOID *RegionParameters);
@@ -35,7 +37,7 @@ static_assert(offsetof(BiosImageInterfaceProtocol, Reserved10) == 10 * 8);
 // The services, each defined with its subsystem.
 EFI_STATUS EFIAPI BiosGetDriverVersion(BiosImageInterfaceProtocol *This, UINT8 *Major, UINT8 *Minor);
 EFI_STATUS EFIAPI BiosGetUpdateToken(BiosImageInterfaceProtocol *This, UINT64 *Token);
-EFI_STATUS EFIAPI BiosQueryImage(BiosImageInterfaceProtocol *This, VOID *QueryRecord);
+EFI_STATUS EFIAPI BiosQueryImage(BiosImageInterfaceProtocol *This, VOID *QueryRecord, UINT64 Unused2, UINT64 Unused3);
 EFI_STATUS EFIAPI BiosReadImage(BiosImageInterfaceProtocol *This, UINT64 Unused, VOID **Buffer);
 EFI_STATUS EFIAPI BiosWriteImage(BiosImageInterfaceProtocol *This, VOID *WriteRequest, VOID *RegionParameters);
 EFI_STATUS EFIAPI BiosVerifySignature(BiosImageInterfaceProtocol *This, VOID *Image, UINTN ImageSize,

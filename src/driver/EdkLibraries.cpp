@@ -52,8 +52,9 @@ VOID EFIAPI OnExitBootServices(EFI_EVENT Event, VOID *Context) {
   mAfterExitBootServices = TRUE;
 }
 
-// One EFI_UINT64 configuration table entry published when nobody else has.
-UINT64 mPublishedTscFrequency = 0;
+// The configuration table entry published when nobody else has: boot-services pool, since
+// the firmware keeps the table after this image is unloaded on a failed entry.
+UINT64 *mPublishedTscFrequency = nullptr;
 
 const VOID *FindConfigurationTable(EFI_SYSTEM_TABLE *SystemTable, const EFI_GUID *Guid) {
   for (UINTN Index = 0; SystemTable != nullptr && Index < SystemTable->NumberOfTableEntries; Index++) {
@@ -137,8 +138,18 @@ EFI_STATUS EFIAPI TscTimerLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *SystemTab
     Hw::SetTscFrequency(ReadUnaligned64(Published));
     return EFI_SUCCESS;
   }
-  mPublishedTscFrequency = Hw::TscFrequency();
-  return gBS->InstallConfigurationTable(const_cast<EFI_GUID *>(&gEfiTscFrequencyGuid), &mPublishedTscFrequency);
+  VOID *Table = nullptr;
+  if (gBS->AllocatePool(EfiBootServicesData, sizeof(UINT64), &Table) != EFI_SUCCESS || Table == nullptr) {
+    return EFI_OUT_OF_RESOURCES;
+  }
+  WriteUnaligned64(Table, Hw::TscFrequency());
+  EFI_STATUS Status = gBS->InstallConfigurationTable(const_cast<EFI_GUID *>(&gEfiTscFrequencyGuid), Table);
+  if (Status != EFI_SUCCESS) {
+    gBS->FreePool(Table);
+    return Status;
+  }
+  mPublishedTscFrequency = static_cast<UINT64 *>(Table);
+  return EFI_SUCCESS;
 }
 
 EFI_STATUS EFIAPI DxeServicesTableLibConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *SystemTable) {
@@ -171,6 +182,6 @@ void ResetEdkLibrariesForTest() {
   mExitBootServicesEvent = nullptr;
   mAfterExitBootServices = FALSE;
   mDebugMaskInstalled = FALSE;
-  mPublishedTscFrequency = 0;
+  mPublishedTscFrequency = nullptr;  // the firmware's now
 }
 #endif

@@ -128,7 +128,7 @@ EFI_STATUS BiosImageInterfaceEntry(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE *Sys
   Second.Reset();  // freed when not installed; mBiosImageInterface2 keeps its value
 
   // Update-tool probe: 0xFF in CMOS 0xF8 asks for the update files to be staged on disk.
-  const PlatformDataBlock *Data = mPlatformFlashService->PlatformData;
+  const FlashServiceData *Data = mPlatformFlashService->PlatformData;
   if (Data != nullptr && ReadCmosPort(Data->CmosIndexPort, Data->CmosDataPort, kUpdateToolProbeIndex) == 0xFF) {
     mStageUpdateToDisk = 1;
   }

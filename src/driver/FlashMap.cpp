@@ -188,7 +188,11 @@ void MapFromRecoverySources() {
   UINTN Extent = 0;
   const VOID *Map = ResolveMapAddress(PcdGet64(&gFlashMapTokenSpaceGuid, kFlashMapAddressToken), Extent);
   UseMap(Map, Extent);
-  UseMap(FlashMapFind(), mFlashMapExtent);
+  // FlashMapFind keeps the PCD's map with its extent, or records a scan hit with the
+  // window's own extent: the extent must be taken after it ran, never before.
+  if (FlashMapFind() == nullptr) {
+    UseMap(nullptr, 0);
+  }
 }
 
 // Copies the map in use into runtime pool and installs the copy for the drivers after us.

@@ -10,7 +10,7 @@ PointerRegistrationProtocol *mPointerRegistration = nullptr;
 BOOLEAN mIsRuntimeImage = FALSE;
 EFI_EVENT mPointerRegistrationEvent = nullptr;
 PlatformFlashServiceProtocol *mRuntimeFlashService = nullptr;
-PlatformDataBlock *mRuntimeFlashServiceData = nullptr;
+FlashServiceData *mRuntimeFlashServiceData = nullptr;
 
 namespace {
 VOID *mPointerRegistrationNotifyKey = nullptr;

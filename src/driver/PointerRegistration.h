@@ -31,6 +31,6 @@ EFI_STATUS PointerUnregister(VOID **PointerAddress);
 // The platform flash service pointers the 19th constructor registers: the interface and
 // the platform data block it leads to.
 extern PlatformFlashServiceProtocol *mRuntimeFlashService;
-extern PlatformDataBlock *mRuntimeFlashServiceData;
+extern FlashServiceData *mRuntimeFlashServiceData;
 
 HOST_ONLY(void ResetPointerRegistrationForTest();)

@@ -195,7 +195,10 @@ UINT32 DetectUpdateMode() {
   return UpdateModeHft;
 }
 
-EFI_STATUS EFIAPI BiosQueryImage(BiosImageInterfaceProtocol *This, VOID *QueryRecord) {
+EFI_STATUS EFIAPI BiosQueryImage(BiosImageInterfaceProtocol *This, VOID *QueryRecord, UINT64 Unused2,
+                                 UINT64 Unused3) {
+  (void)Unused2;
+  (void)Unused3;
   TRACE("  BiosImageInterfaceProtocol->BiosQueryImage Entry");
   if (QueryRecord == nullptr) {
     return EFI_INVALID_PARAMETER;

@@ -54,7 +54,9 @@ template <typename Visit> void ForEachListedIndex(UINTN Bank, Visit Visitor) {
   }
 }
 
-UINTN StoredChecksumOffset(UINTN Bank) { return Bank == 0 ? kBank0ChecksumOffset : kBank1ChecksumOffset; }
+UINTN StoredChecksumOffset(UINTN Bank) {
+  return Bank == 0 ? CmosToRomImage::kBank0ChecksumOffset : CmosToRomImage::kBank1ChecksumOffset;
+}
 
 // The image named by Q42CmosToRom. Returns FALSE when the variable cannot be read;
 // *Image is then untouched. A readable variable may still name no image (nullptr).
@@ -85,7 +87,7 @@ BOOLEAN ReadImageVariable(UINT8 **Image) {
 
 UINT8 *HobImage() {
   const EFI_HOB_GUID_TYPE *Hob = GetFirstGuidHob(&gCmosToRomImageHobGuid);
-  if (Hob == nullptr || GuidHobDataSize(Hob) < kCmosImageSize) {
+  if (Hob == nullptr || GuidHobDataSize(Hob) < CmosToRomImage::kSize) {
     return nullptr;
   }
   return static_cast<UINT8 *>(GuidHobData(Hob));
@@ -230,7 +232,7 @@ BOOLEAN IsChecksummedCmosIndex(UINTN Bank, UINT8 Index) {
 
 UINT8 ReadCmosToRom(UINT8 Index) {
   UINT8 *Image = ValidMirrorImage();
-  return Image == nullptr ? 0 : Image[256 + Index];
+  return Image == nullptr ? 0 : Image[CmosToRomImage::kBank1 + Index];
 }
 
 VOID WriteCmosToRom(UINT8 Index, UINT8 Value) {
@@ -241,9 +243,9 @@ VOID WriteCmosToRom(UINT8 Index, UINT8 Value) {
   if (Image == nullptr) {
     return;
   }
-  Image[256 + Index] = Value;
+  Image[CmosToRomImage::kBank1 + Index] = Value;
   UINT16 Checksum = CmosImageChecksum(Image, 1);
-  WriteUnaligned16(Image + kBank1ChecksumOffset, Checksum);
+  WriteUnaligned16(Image + CmosToRomImage::kBank1ChecksumOffset, Checksum);
 
   WriteCmosPort(kExtendedCmosIndexPort, kExtendedCmosDataPort, Index, Value);
   WriteExtendedCmosChecksum(Checksum);
@@ -281,7 +283,7 @@ VOID AppendCmosJournal(UINT8 Index, UINT8 Value, const UINT16 *Checksum) {
     return;
   }
   UINT32 Free = Quarter;
-  for (UINT32 Offset = 0; Offset + 2 <= Quarter; Offset += 2) {
+  for (UINT32 Offset = 0; Offset + CmosJournal::kPairSize <= Quarter; Offset += CmosJournal::kPairSize) {
     if (Area[Offset] == 0xFF && Area[Offset + 1] == 0xFF) {
       Free = Offset;
       break;
@@ -291,14 +293,14 @@ VOID AppendCmosJournal(UINT8 Index, UINT8 Value, const UINT16 *Checksum) {
     return;
   }
 
-  UINT8 Record[6] = {Index, Value, 0, 0, 0, 0};
-  UINT32 Length = 2;
+  UINT8 Record[CmosJournal::kChecksummedRecordSize] = {Index, Value, 0, 0, 0, 0};
+  UINT32 Length = CmosJournal::kPairSize;
   if (Checksum != nullptr) {
     Record[2] = kBank1ChecksumLow;
     Record[3] = static_cast<UINT8>(*Checksum);
     Record[4] = kBank1ChecksumHigh;
     Record[5] = static_cast<UINT8>(*Checksum >> 8);
-    Length = 6;
+    Length = CmosJournal::kChecksummedRecordSize;
   }
   if (Length > Quarter - Free) {
     return;

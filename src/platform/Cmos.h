@@ -15,9 +15,23 @@ constexpr UINT8 kBank0ChecksumLow = 0x4E;
 constexpr UINT8 kBank0ChecksumHigh = 0x4F;
 constexpr UINT8 kBank1ChecksumLow = 0xC2;
 constexpr UINT8 kBank1ChecksumHigh = 0xC3;
-constexpr UINTN kCmosImageSize = 512;
-constexpr UINTN kBank0ChecksumOffset = 78;   // in the image
+// CmosToRomImage: both banks in memory, byte i of bank 0 at offset i and byte i of bank 1
+// at 256 + i, so the stored checksums sit where they sit in CMOS.
+namespace CmosToRomImage {
+constexpr UINTN kSize = 512;
+constexpr UINTN kBank1 = 256;
+constexpr UINTN kBank0ChecksumOffset = 78;   // 0x4E
 constexpr UINTN kBank1ChecksumOffset = 450;  // 256 + 0xC2
+}  // namespace CmosToRomImage
+
+// CmosJournal: the flash area at CmosJournalBase of header + data bytes, in two halves; a
+// half is active when it starts with gCmosJournalSignatureGuid. After a half's header come
+// its bank-0 records, then (from a quarter of the area) its bank-1 records: 2-byte
+// (index, value) pairs, 0xFFFF marking the first free pair.
+namespace CmosJournal {
+constexpr UINTN kPairSize = 2;
+constexpr UINTN kChecksummedRecordSize = 6;  // the pair, then the two checksum pairs
+}  // namespace CmosJournal
 
 #pragma pack(push, 1)
 // One checksummed range: start index and count, 9 bytes; {0xFF, 0xFF} ends a list.

@@ -31,6 +31,6 @@ BOOLEAN GetHeapBuffer(UINT32 Handle, UINT32 Size, VOID **Buffer) {
 
 // The configuration-buffer library's start: the assertion reporter takes its shipped switch.
 EFI_STATUS EFIAPI AmdCfgPcdBufLibDxeConstructor(EFI_HANDLE, EFI_SYSTEM_TABLE *) {
-  mPspAssertEnabled = kPspAssertEnabled;
+  mPspAssertEnabled = PspAssertEnabled;
   return EFI_SUCCESS;
 }

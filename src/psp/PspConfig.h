@@ -15,4 +15,4 @@ inline UINT64 PcieSize() { return gConfig.PcdPciExpressBaseSize; }
 
 // The assertion reporter's enable flag as shipped; the configuration-buffer library copies it
 // into the reporter at start.
-constexpr UINT8 kPspAssertEnabled = 1;
+constexpr UINT8 PspAssertEnabled = 1;

@@ -45,7 +45,7 @@ EFI_STATUS GatherBootServicesPlatform(PpPlatform &Platform) {
   if (Device == nullptr) {
     return EFI_NOT_FOUND;
   }
-  const PlatformDataBlock *Data = mPlatformFlashService->PlatformData;
+  const FlashServiceData *Data = mPlatformFlashService->PlatformData;
   Platform.PrepareSetupData = Device->PrepareSetupData;
   Platform.FlashInterface = Device;
   Platform.SetupData = Device->SetupData;

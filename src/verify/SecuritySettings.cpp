@@ -25,8 +25,8 @@ EFI_EVENT mFlashServiceEvent = nullptr;
 VOID *mFlashServiceRegistration = nullptr;
 
 // The blocks are read as memory: the flash is mapped below 4 GiB.
-const UINT8 *LiveBlock() { return Hw::FlashPointer(kSecuritySettingsBlockAddress, kSecuritySettingsSize); }
-const UINT8 *BackupBlock() { return Hw::FlashPointer(kSecuritySettingsBackupAddress, kSecuritySettingsSize); }
+const UINT8 *LiveBlock() { return Hw::FlashPointer(SecuritySettingsBlock, kSecuritySettingsSize); }
+const UINT8 *BackupBlock() { return Hw::FlashPointer(SecuritySettingsBackup, kSecuritySettingsSize); }
 
 BOOLEAN HasBackupMagic(const UINT8 *Record) {
   return ByteView(Record, kSecuritySettingsSize)
@@ -48,7 +48,7 @@ BOOLEAN LiesInMappedFlash(const UINT8 *Record) {
   if (Live == nullptr) {
     return FALSE;
   }
-  UINT64 Address = kSecuritySettingsBlockAddress + (reinterpret_cast<UINTN>(Record) - reinterpret_cast<UINTN>(Live));
+  UINT64 Address = SecuritySettingsBlock + (reinterpret_cast<UINTN>(Record) - reinterpret_cast<UINTN>(Live));
   if (Address < Hw::kFlashWindowBase || Address >= Hw::kFlashWindowBase + Hw::kFlashWindowSize) {
     return FALSE;
   }
@@ -79,10 +79,10 @@ BOOLEAN SealRecord(UINT8 *Record) {
 EFI_STATUS ProgramLiveBlock(const SettingsFlash &Flash, const UINT8 *Data) {
   EFI_STATUS Status = EFI_NOT_STARTED;
   for (UINTN Attempt = 0; Attempt < kSettingsFlashAttempts && EfiError(Status); Attempt++) {
-    Status = Flash.Erase(kSecuritySettingsBlockAddress, kSecuritySettingsSize);
+    Status = Flash.Erase(SecuritySettingsBlock, kSecuritySettingsSize);
     Flash.Delay(kSettingsFlashDelayUnits);
     if (!EfiError(Status)) {
-      Status = Flash.Write(kSecuritySettingsBlockAddress, Data, kSecuritySettingsSize);
+      Status = Flash.Write(SecuritySettingsBlock, Data, kSecuritySettingsSize);
     }
   }
   return Status;
@@ -241,7 +241,10 @@ EFI_STATUS WriteSecuritySettings(UINT8 *Record) {
     return EFI_ACCESS_DENIED;
   }
   const UINT8 *Live = LiveBlock();
-  if (Live != nullptr && (Record == Live || CompareMem(Record, Live, kSecuritySettingsSize) == 0)) {
+  if (Live == nullptr) {
+    return EFI_NOT_FOUND;
+  }
+  if (Record == Live || CompareMem(Record, Live, kSecuritySettingsSize) == 0) {
     return EFI_SUCCESS;
   }
   if (!LiesInMappedFlash(Record) && !SealRecord(Record)) {

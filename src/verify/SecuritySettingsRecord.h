@@ -6,8 +6,8 @@
 
 #include "../base/Uefi.h"
 
-constexpr UINT32 kSecuritySettingsBlockAddress = 0xFF0C3000;   // the live block
-constexpr UINT32 kSecuritySettingsBackupAddress = 0xFFFEE000;  // its backup copy
+constexpr UINT32 SecuritySettingsBlock = 0xFF0C3000;   // the live block
+constexpr UINT32 SecuritySettingsBackup = 0xFFFEE000;  // its backup copy
 constexpr UINTN kSecuritySettingsSize = 0x1000;
 constexpr UINTN kSecuritySettingsWordCount = kSecuritySettingsSize / 2;
 

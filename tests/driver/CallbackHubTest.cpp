@@ -299,12 +299,12 @@ EFI_STATUS SignalComplete(UINT32 *) { return SignalFlashCompleteHook(); }
 class CallbackHubImageHook : public CallbackHubTest, public ::testing::WithParamInterface<ImageHookCase> {};
 
 TEST_P(CallbackHubImageHook, HandsTheVerifiedImageOverIn24BytesOnlyWhenItsGateIsOn) {
-  UINT32 Verdict = 7;
+  UINT32 Answer = 7;
   gConfig.*(GetParam().Gate) = FALSE;
-  EXPECT_EQ(GetParam().Signal(&Verdict), EFI_SUCCESS);
+  EXPECT_EQ(GetParam().Signal(&Answer), EFI_SUCCESS);
   EXPECT_EQ(HookFind(GetParam().Hook), nullptr) << "gate off: not even the node is created";
   if (GetParam().Hook == &gImageAcceptHookGuid) {
-    EXPECT_EQ(Verdict, 0u);
+    EXPECT_EQ(Answer, 0u);
   }
 
   gConfig.*(GetParam().Gate) = TRUE;
@@ -314,19 +314,21 @@ TEST_P(CallbackHubImageHook, HandsTheVerifiedImageOverIn24BytesOnlyWhenItsGateIs
   Signalled = *GetParam().Hook;
   Register(Signalled, 0, 1);
   Behaviours[1].SetStatus = kHookAnswerTaken;
-  EXPECT_EQ(GetParam().Signal(&Verdict), EFI_SUCCESS);
+  EXPECT_EQ(GetParam().Signal(&Answer), EFI_SUCCESS);
   ASSERT_EQ(Calls.size(), 1u);
   const UINT8 *Record = Calls[0].Bytes;
-  UINT32 Size = 0;
+  UINT32 Size = 0, Verdict = 1;
   UINT64 Address = 0, Length = 0;
   std::memcpy(&Size, Record, 4);
+  std::memcpy(&Verdict, Record + 4, 4);
+  EXPECT_EQ(Verdict, 0u) << "no verdict before a hook gives one";
   std::memcpy(&Address, Record + 8, 8);
   std::memcpy(&Length, Record + 16, 8);
   EXPECT_EQ(Size, 24u);
   EXPECT_EQ(Address, reinterpret_cast<UINT64>(Image));
   EXPECT_EQ(Length, sizeof(Image));
   if (GetParam().Hook == &gImageAcceptHookGuid) {
-    EXPECT_EQ(Verdict, kHookAnswerTaken) << "the accept hook reports the verdict";
+    EXPECT_EQ(Answer, kHookAnswerTaken) << "the accept hook reports the verdict";
   }
   mVerifiedImage = nullptr;
 }

@@ -57,7 +57,7 @@ protected:
   }
 
   EFI_STATUS Query(BiosImageInterfaceProtocol *Table, BiosImageQueryRecord &Record) {
-    return Table->BiosQueryImage(Table, &Record);
+    return Table->BiosQueryImage(Table, &Record, 0, 0);
   }
 
   // Calls recorded since Start(), by name, in order.

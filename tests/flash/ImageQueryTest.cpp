@@ -2,6 +2,7 @@
 // its status, the boot-block marker, the BIOS ID search, the update modes and the skip
 // regions they report, and the platform calls that follow a query.
 #include <array>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -148,7 +149,7 @@ TEST_F(ImageQuery, FirstTableReblocksOtherGeometriesThroughTheProduct) {
 
 TEST_F(ImageQuery, NullRecordIsRefusedBeforeAnythingHappens) {
   Start();
-  EXPECT_EQ(mBiosImageInterface->BiosQueryImage(mBiosImageInterface, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(mBiosImageInterface->BiosQueryImage(mBiosImageInterface, nullptr, 0, 0), EFI_INVALID_PARAMETER);
   EXPECT_EQ(Platform->CallCount, 0u);
 }
 
@@ -263,39 +264,57 @@ TEST_F(ImageQuery, BootBlockAddressOutsideTheMappedFlashHoldsNoVolume) {
 
 // ---- BIOS ID ----------------------------------------------------------------------------
 
-TEST_F(ImageQuery, BiosIdNearestTheEndOfTheAreaWins) {
-  PutBiosId(kBiosIdAreaAddress + 0x100, "OLDER");
-  PutBiosId(kBiosIdAreaAddress + 0xFFF0, "LATER");
-  BiosImageQueryRecord Record = StartAndQuery();
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(Record.BiosId), kBiosIdLength), "LATER");
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(mBiosId), kBiosIdLength), "LATER");
-}
-
-TEST_F(ImageQuery, MissingBiosIdIsNotFoundAndStopsTheQuery) {
-  const UINT32 Erased = 0xFFFFFFFF;
-  PutFlash(kBiosIdAreaAddress + 0xF830, &Erased, sizeof(Erased));  // where the image put "$BID"
-  BiosImageQueryRecord Record = StartAndQuery(EFI_NOT_FOUND);
-  EXPECT_EQ(Hca(), nullptr);
-  EXPECT_EQ(Calls("GetFlashInfo"), 0u);
-  EXPECT_EQ(Record.BiosId[0], kUnwritten);
-}
-
-TEST_F(ImageQuery, FailedBiosIdReadFindsNothingStale) {
-  Platform->Config->BiosIdAreaAddress = 0x1000;  // not on the chip: the platform's read fails
-  StartAndQuery(EFI_NOT_FOUND);
-  EXPECT_EQ(Calls("ReadFlash"), 1u);
-}
-
-TEST_F(ImageQuery, EmptyBiosIdAreaIsNotFoundWithoutARead) {
-  Platform->Config->BiosIdAreaSize = 0;
-  StartAndQuery(EFI_NOT_FOUND);
-  EXPECT_EQ(Calls("ReadFlash"), 0u);
-}
-
-TEST_F(ImageQuery, RegionTrackedLayoutReadsTheConfiguredAreaWhileThePspDirectoryIsIntact) {
-  Platform->Config->Flags = kPlatformConfigAlternativeFlag;
-  StartAndQuery();
-  EXPECT_EQ(CallsNamed("ReadFlash")[0].Arguments[2], kBiosIdAreaAddress);
+// Each row changes the BIOS-ID area or its flash, then queries once.
+TEST_F(ImageQuery, BiosIdNearestTheEndWinsAndAMissingOneStopsTheQuery) {
+  const struct {
+    const char *Name;
+    std::function<void()> Arrange;
+    EFI_STATUS Expected;
+    size_t Reads;
+    const char *Id;  // nullptr: the record's ID stays unwritten
+  } kRows[] = {
+      {"nearest the end wins",
+       [this] {
+         PutBiosId(kBiosIdAreaAddress + 0x100, "OLDER");
+         PutBiosId(kBiosIdAreaAddress + 0xFFF0, "LATER");
+       },
+       EFI_SUCCESS, 1, "LATER"},
+      {"erased where the image put it",
+       [this] {
+         const UINT32 Erased = 0xFFFFFFFF;
+         PutFlash(kBiosIdAreaAddress + 0xF830, &Erased, sizeof(Erased));
+       },
+       EFI_NOT_FOUND, 1, nullptr},
+      {"a read the platform fails finds nothing stale",
+       [this] { Platform->Config->BiosIdAreaAddress = 0x1000; }, EFI_NOT_FOUND, 1, nullptr},
+      {"an empty area is not read", [this] { Platform->Config->BiosIdAreaSize = 0; }, EFI_NOT_FOUND, 0,
+       nullptr},
+      {"region-tracked layout with an intact PSP directory",
+       [this] { Platform->Config->Flags = kPlatformConfigAlternativeFlag; }, EFI_SUCCESS, 1, "ZQ42A"},
+  };
+  Start();
+  const PlatformConfigProtocol Saved = *Platform->Config;
+  for (const auto &Row : kRows) {
+    ASSERT_TRUE(LoadImage(*Platform, DefaultImage()));
+    *Platform->Config = Saved;
+    Row.Arrange();
+    Sim.Variables().clear();
+    Platform->ClearCalls();
+    BiosImageQueryRecord Record = QueryAgain(mBiosImageInterface, Row.Expected);
+    EXPECT_EQ(Calls("ReadFlash"), Row.Reads) << Row.Name;
+    if (Row.Reads != 0) {
+      const UINT64 Area = Platform->Config->BiosIdAreaAddress;  // packed field: copy before comparing
+      EXPECT_EQ(CallsNamed("ReadFlash")[0].Arguments[2], Area) << Row.Name;
+    }
+    EXPECT_EQ(Hca() != nullptr, Row.Id != nullptr) << Row.Name;
+    EXPECT_EQ(Calls("GetFlashInfo"), Row.Id != nullptr ? 1u : 0u) << Row.Name;
+    if (Row.Id != nullptr) {
+      EXPECT_EQ(std::string(reinterpret_cast<char *>(mBiosId), kBiosIdLength), Row.Id) << Row.Name;
+      EXPECT_EQ(std::memcmp(Record.BiosId, mBiosId, kBiosIdLength), 0) << Row.Name;
+    } else {
+      EXPECT_EQ(Record.BiosId[0], kUnwritten) << Row.Name;
+    }
+  }
 }
 
 // ---- Skip regions and update modes ------------------------------------------------------
@@ -334,6 +353,9 @@ TEST_F(ImageQuery, LengthsBecomeWholePagesAndEqualStartsFollowTheExchangeSort) {
   // Collected as always-list first: {5000,2} {3000,1} {5000,3} {1000,1}; the exchange sort
   // swaps only on a greater start, which moves the two 0x5000 entries past each other.
   EXPECT_EQ(ReportedRegions(StartAndQuery()), (Regions{{0x1000, 1}, {0x3000, 1}, {0x5000, 3}, {0x5000, 2}}));
+  // Alone, two equal starts keep the order they were collected in: the always-list's first.
+  SetSkipLists({{0x5000, 0x3000}}, {{0x5000, 0x2000}});
+  EXPECT_EQ(ReportedRegions(QueryAgain(mBiosImageInterface)), (Regions{{0x5000, 2}, {0x5000, 3}}));
 }
 
 TEST_F(ImageQuery, HftVariableSelectsTheHftModeOnceAndDropsTheNormalList) {
@@ -382,11 +404,19 @@ TEST_F(ImageQuery, FullRecoveryHobStartsARecoveryUpdateAtTheFirstRegion) {
 // ---- What follows a query ----------------------------------------------------------------
 
 TEST_F(ImageQuery, CapabilityBitsSelectTheNotificationAndThePostQueryCall) {
-  Platform->FlashService->FlashCapabilities = 0x00;
   Platform->FlashPlatform.LowerFlashWritable = 1;
-  StartAndQuery();
-  EXPECT_EQ(Calls("QueryNotify"), 0u);
-  EXPECT_EQ(Calls("PostQuery"), 0u);
+  Start();
+  const struct {
+    UINT8 Capabilities;
+    size_t Notify, PostQuery;
+  } kRows[] = {{0x00, 0, 0}, {0x01, 1, 0}, {0x08, 0, 1}, {0x09, 1, 1}};
+  for (const auto &Row : kRows) {
+    Platform->FlashService->FlashCapabilities = Row.Capabilities;
+    Platform->ClearCalls();
+    QueryAgain(mBiosImageInterface);
+    EXPECT_EQ(Calls("QueryNotify"), Row.Notify) << int(Row.Capabilities);
+    EXPECT_EQ(Calls("PostQuery"), Row.PostQuery) << int(Row.Capabilities);
+  }
   EXPECT_TRUE(mLowerFlashWritable) << "the lower-flash permission is asked whatever the capabilities";
 }
 

@@ -51,13 +51,13 @@ protected:
 
   // A mirror image in memory below 4 GiB, named by the Q42CmosToRom variable.
   UINT8 *PublishImage(bool ValidBank1 = true) {
-    auto *Image = static_cast<UINT8 *>(EmuHostAllocateBelow4G(kCmosImageSize));
-    std::memset(Image, 0, kCmosImageSize);
+    auto *Image = static_cast<UINT8 *>(EmuHostAllocateBelow4G(CmosToRomImage::kSize));
+    std::memset(Image, 0, CmosToRomImage::kSize);
     Image[256 + 0xFA] = 7;
     Image[256 + 0xEE] = 0x30;
     UINT16 Checksum = CmosImageChecksum(Image, 1);
-    Image[kBank1ChecksumOffset] = static_cast<UINT8>(ValidBank1 ? Checksum : Checksum + 1);
-    Image[kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
+    Image[CmosToRomImage::kBank1ChecksumOffset] = static_cast<UINT8>(ValidBank1 ? Checksum : Checksum + 1);
+    Image[CmosToRomImage::kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
     NameImage(static_cast<UINT32>(reinterpret_cast<UINTN>(Image)));
     return Image;
   }
@@ -103,7 +103,7 @@ TEST_F(CmosAccess, ExtendedBankProbeLeavesItsTestValues) {
 }
 
 TEST_F(CmosAccess, ChecksumsCoverOnlyTheListedIndices) {
-  UINT8 Image[kCmosImageSize] = {};
+  UINT8 Image[CmosToRomImage::kSize] = {};
   EXPECT_EQ(CmosImageChecksum(Image, 0), 265);
   EXPECT_EQ(CmosImageChecksum(Image, 1), 265);
   EXPECT_FALSE(IsCmosImageChecksumValid(Image, 1)) << "all-zero image with stored 0";
@@ -183,7 +183,7 @@ TEST_F(CmosAccess, ImageWithBadChecksumOrNoImageStopsEverything) {
 class CmosMirrorFromHob : public CmosAccess {
 protected:
   void SetUp() override {
-    UINT8 Image[kCmosImageSize] = {};
+    UINT8 Image[CmosToRomImage::kSize] = {};
     Image[256 + 0xF9] = 4;
     UINT16 Checksum = CmosImageChecksum(Image, 1);
     Image[450] = static_cast<UINT8>(Checksum);
@@ -222,6 +222,8 @@ TEST_F(CmosAccess, FullJournalAreaDropsTheRecordButStillUpdatesCmos) {
   AppendCmosJournal(0xF7, 3, nullptr);
   EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[0], 0xF7);
   EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 4)[1], 3);
+  AppendCmosJournal(0xF6, 4, nullptr);  // exactly fills the area
+  EXPECT_EQ(FlashAt(kJournal + 2 * kQuarter - 2)[0], 0xF6);
 
   Platform->ClearCalls();
   gConfig.CmosJournalBase = 0;  // no journal base means no journal

@@ -139,11 +139,11 @@ TEST_F(PspAbCopies, KindOneHigherPriorityCopyIsPrimary) {
   ExpectEntry(Tree.Find(kTypeApcb, true), "primary is the B entry");
   ForgetBufferStore();
 
-  // Priorities 3, 5, 4: primary 5, secondary 4.
+  // Priorities 3, 5, 5: the first 5 is primary, an equal priority does not displace it.
   PspImageBuilder B;
   B.Put(0xF83000, PspImage::AbHeaderKind1(3, 0xFFF84000));
   B.Put(0xF83100, PspImage::AbHeaderKind1(5, 0xFFF85000));
-  B.Put(0xF83200, PspImage::AbHeaderKind1(4, 0xFFF86000));
+  B.Put(0xF83200, PspImage::AbHeaderKind1(5, 0xFFF86000));
   auto Level1 = HeldDirectory(PspDirectory("$PSP", {{kTypeCopyA, 16, 0xFFF83000},
                                                     {kTypeCopyB, 16, 0xFFF83100},
                                                     {kTypeCopyA, 16, 0xFFF83200}}));
@@ -157,8 +157,40 @@ TEST_F(PspAbCopies, KindOneHigherPriorityCopyIsPrimary) {
   EXPECT_EQ(UINT32{Info->Primary.Priority}, 5u);
   EXPECT_EQ(UINT32{Info->Primary.Level2Location}, 0xFFF85000u);
   EXPECT_EQ(Info->SecondaryIndex, 2);
-  EXPECT_EQ(UINT32{Info->Secondary.Priority}, 4u);
+  EXPECT_EQ(UINT32{Info->Secondary.Priority}, 5u);
   EXPECT_EQ(UINT32{Info->Secondary.Level2Location}, 0xFFF86000u);
+}
+
+// With A and B copies, a type the selected "$BL2" lacks is not found, even when a "$BHD"
+// the EFS names holds it.
+TEST_F(PspAbCopies, ATypeMissingFromTheSelectedCopyIsNotLookedForInBhd) {
+  const struct {
+    UINT32 Signature;
+    TreeShape Shape;
+    UINT32 PspId;
+    bool Combo;
+  } kRows[] = {{kSigRow9Plain, TreeShape::AbPair, 0xBC0B0D00, false},
+               {kSigRow10Kind1, TreeShape::AbKind1, 0xBC0B0800, true}};
+  for (const auto &Row : kRows) {
+    ForgetBufferStore();
+    PspImage::PspTree Tree = Use(Row.Signature, {.Shape = Row.Shape, .PspId = Row.PspId});
+    PspImageBuilder B;
+    B.Put(0xFC0000, BiosDirectory("$BHD", {{0x61, 0x100, 0xFFF90000, 0}}));
+    B.Put(0xFC1000, ComboDirectory("2BHD", {{Row.PspId, 0xFFFC0000}}));
+    EfsFields Fields{.PspDirectory = static_cast<uint32_t>(Tree.PspDirectory)};
+    if (Row.Combo) {
+      Fields.ComboBiosDirectory = 0xFFFC1000;
+    } else {
+      Fields.BiosPointerOffset = 0x28;
+      Fields.BiosDirectory = 0xFFFC0000;
+    }
+    B.Put(0x20000, Efs(Fields));
+    Place(B);
+    const UINT8 *Bios = nullptr;
+    ASSERT_TRUE(GetBiosDirectory(&Bios)) << "the \"$BHD\" is reachable";
+    EXPECT_FALSE(BiosEntry(0x61).Ok);
+    ExpectEntry(Tree.Find(kTypeApcb), "the selected copy still answers");
+  }
 }
 
 TEST_F(PspAbCopies, KindTwoHeadersOfAnotherSocAreInactive) {
@@ -252,6 +284,29 @@ TEST_F(PspLevel1, PspEntriesThroughLevel2AndLevel1) {
   ASSERT_TRUE(GetPspEntry(0x40, &Location, &Size));
   EXPECT_EQ(Location, Tree.PspLevel2A);
   EXPECT_FALSE(GetPspEntry(0x0B, &Location, &Size));
+}
+
+// Level-2 PSP entries match on type, sub-program byte and bits 22:19 together; a cached
+// directory counts only when it is a "$PL2".
+TEST_F(PspLevel1, Level2PspEntriesMatchTypeSubProgramAndSelectorBits) {
+  SelectSoc(kSigRow9Plain);
+  PspImageBuilder B;
+  B.Put(0xF84000, PspDirectory("$PL2", {{0x02, 0x10, 0xFFF8D000},
+                                        {0x0102, 0x20, 0xFFF8E000},
+                                        {0x0102 | (1u << 19), 0x30, 0xFFF8F000}}));
+  Place(B);
+  auto Foreign = HeldDirectory(PspDirectory("$PSP", {{0x0102, 0x40, 0xFFF80000}}));
+  std::memcpy(PspDirectoryDetail::CacheBuffer(kHandlePspLevel2Cache, kDirectoryBufferSize), Foreign.data(), Foreign.size());
+  const struct {
+    UINT32 Wanted;
+    UINT64 Location;
+  } kRows[] = {{0x0102 | (1u << 19), 0xFFF8F000}, {0x0102, 0xFFF8E000}, {0x02 | (1u << 23), 0xFFF8D000}};
+  for (const auto &Row : kRows) {
+    UINT64 Location = 0;
+    UINT32 Size = 0;
+    ASSERT_TRUE(GetPspL2Entry(Row.Wanted, 0xFFF84000, &Location, &Size)) << std::hex << Row.Wanted;
+    EXPECT_EQ(Location, Row.Location) << std::hex << Row.Wanted;
+  }
 }
 
 TEST_F(PspLevel1, ComboWithoutThisSocFailsPspValidation) {

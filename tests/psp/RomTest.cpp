@@ -94,9 +94,14 @@ TEST_F(RomAccess, LimitsOfEachWindowAndLocationsOutsideThemAreRefused) {
   };
   for (const Case &C : Cases) {
     SelectSoc(C.Signature == 0 ? kSigRow3Kind2 : C.Signature);
+    const UINT64 Requests = Platform->Soc.WindowRequests;
+    const UINT64 Window = C.Signature == kSigRow13Narrow ? 0x1000000 : 0x4000000;
     const BOOLEAN Read = C.Signature == 0 ? ReadRom(C.Location, Out, C.Length)
                                           : ReadRomByOffset(static_cast<UINT32>(C.Location), Out, C.Length);
     EXPECT_EQ(Read != FALSE, C.Expected) << C.What;
+    if (C.Signature != 0 && C.Location + C.Length > Window) {
+      EXPECT_EQ(Platform->Soc.WindowRequests, Requests) << C.What << ": refused by the window's limits, not the chip";
+    }
   }
   EXPECT_FALSE(ReadRomByOffset(0, nullptr, 4)) << "no buffer";
   std::memset(Out, 0, sizeof(Out));

@@ -40,8 +40,48 @@ void ResetAllDriverStateForTest() {
   ResetEdkLibrariesForTest();
 }
 
+namespace {
+PlatformFixture *gRecordingFixture = nullptr;
+EFI_ALLOCATE_POOL gSimAllocatePool = nullptr;
+EFI_CREATE_EVENT gSimCreateEvent = nullptr;
+EFI_CREATE_EVENT_EX gSimCreateEventEx = nullptr;
+}  // namespace
+
+struct PlatformFixtureRecorder {
+  static EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE Type, UINTN Size, VOID **Buffer) {
+    EFI_STATUS Status = gSimAllocatePool(Type, Size, Buffer);
+    if (Status == EFI_SUCCESS) {
+      gRecordingFixture->PoolTypes[*Buffer] = Type;
+    }
+    return Status;
+  }
+  static EFI_STATUS EFIAPI CreateEvent(UINT32 Type, EFI_TPL Tpl, EFI_EVENT_NOTIFY Notify, VOID *Context,
+                                       EFI_EVENT *Event) {
+    EFI_STATUS Status = gSimCreateEvent(Type, Tpl, Notify, Context, Event);
+    if (Status == EFI_SUCCESS) {
+      gRecordingFixture->EventTpls[*Event] = Tpl;
+    }
+    return Status;
+  }
+  static EFI_STATUS EFIAPI CreateEventEx(UINT32 Type, EFI_TPL Tpl, EFI_EVENT_NOTIFY Notify, const VOID *Context,
+                                         const EFI_GUID *Group, EFI_EVENT *Event) {
+    EFI_STATUS Status = gSimCreateEventEx(Type, Tpl, Notify, Context, Group, Event);
+    if (Status == EFI_SUCCESS) {
+      gRecordingFixture->EventTpls[*Event] = Tpl;
+    }
+    return Status;
+  }
+};
+
 PlatformFixture::PlatformFixture() {
   ResetAllDriverStateForTest();
+  gRecordingFixture = this;
+  gSimAllocatePool = Sim.BootServices()->AllocatePool;
+  gSimCreateEvent = Sim.BootServices()->CreateEvent;
+  gSimCreateEventEx = Sim.BootServices()->CreateEventEx;
+  Sim.BootServices()->AllocatePool = PlatformFixtureRecorder::AllocatePool;
+  Sim.BootServices()->CreateEvent = PlatformFixtureRecorder::CreateEvent;
+  Sim.BootServices()->CreateEventEx = PlatformFixtureRecorder::CreateEventEx;
   PlatformStorage_ = std::make_unique<EmuPlatform>();
   Platform = PlatformStorage_.get();
   if (!Platform->Initialize(EmuHostMemory(), kDefaultEmuLayout)) {
@@ -60,9 +100,11 @@ PlatformFixture::PlatformFixture() {
 
 PlatformFixture::~PlatformFixture() {
   gEmuPlatform = nullptr;
+  gRecordingFixture = this;
   ResetAllDriverStateForTest();
   PlatformStorage_.reset();
   EmuHostMemoryReleaseAll();
+  gRecordingFixture = nullptr;
 }
 
 void PlatformFixture::PrepareBoot() {

@@ -4,6 +4,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,8 @@
 void ResetAllDriverStateForTest();
 
 class PlatformFixture : public ::testing::Test {
+  friend struct PlatformFixtureRecorder;
+
 protected:
   PlatformFixture();
   ~PlatformFixture() override;
@@ -27,6 +30,10 @@ protected:
   // Traces printed so far, one line each.
   std::vector<std::string> Traces() const;
   void EnableTraces(bool On);
+
+  // What the driver asked for when it allocated pool and created events.
+  std::map<const VOID *, EFI_MEMORY_TYPE> PoolTypes;
+  std::map<EFI_EVENT, EFI_TPL> EventTpls;
 
   SimUefi Sim;
   SimHobList Hobs;

@@ -2,6 +2,7 @@
 // with a reset, snapshots, the library's start, and the same operations inside SMM.
 #include <algorithm>
 
+#include "../../emu/host/EmuHostMemory.h"
 #include "../../src/base/Globals.h"
 #include "../../src/driver/DriverState.h"
 #include "SettingsFixture.h"
@@ -29,6 +30,8 @@ EFI_STATUS EFIAPI WriteAlwaysFailing(UINTN, const VOID *, UINTN) {
   gWriteCalls++;
   return EFI_DEVICE_ERROR;
 }
+
+EFI_STATUS EFIAPI ResetThatReturns(EFI_RESET_TYPE, EFI_STATUS, UINTN, CHAR16 *) { return EFI_SUCCESS; }
 
 // ---- CheckSecuritySettings -------------------------------------------------------------------
 struct CheckCase {
@@ -123,12 +126,12 @@ TEST_F(SecuritySettingsWrite, SealsWithTheWordChecksumOrWithSha256UnderDigestPro
 
   ASSERT_EQ(Platform->CallCount, 3u);
   EXPECT_STREQ(Platform->Calls[0].Name, "FlashDeviceErase");
-  EXPECT_EQ(Platform->Calls[0].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], SecuritySettingsBlock);
   EXPECT_EQ(Platform->Calls[0].Arguments[1], kSecuritySettingsSize);
   EXPECT_STREQ(Platform->Calls[1].Name, "FlashDeviceDelay");
   EXPECT_EQ(Platform->Calls[1].Arguments[0], 50u);
   EXPECT_STREQ(Platform->Calls[2].Name, "FlashDeviceWrite");
-  EXPECT_EQ(Platform->Calls[2].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Platform->Calls[2].Arguments[0], SecuritySettingsBlock);
   EXPECT_EQ(Platform->Calls[2].Arguments[2], kSecuritySettingsSize);
   EXPECT_EQ(Platform->Flash.Stats().ProgramFaults, 0u);
 
@@ -140,6 +143,13 @@ TEST_F(SecuritySettingsWrite, SealsWithTheWordChecksumOrWithSha256UnderDigestPro
   EXPECT_EQ(std::memcmp(Digested.data() + kSettingsDigestOffset, Digest.data(), Digest.size()), 0);
   EXPECT_EQ(LiveBytes(), Digested);
   EXPECT_EQ(CheckSecuritySettings(Live()), EFI_SUCCESS);
+
+  Platform->ClearCalls();
+  SettingsBytes Unsealable = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x78);
+  Sim.FailAllocationAfter(1);  // no memory for the digest's context
+  EXPECT_EQ(WriteSecuritySettings(Unsealable.data()), EFI_OUT_OF_RESOURCES);
+  Sim.FailAllocationAfter(0);
+  EXPECT_EQ(FlashChanges(), 0u) << "nothing is written without its seal";
 }
 
 TEST_F(SecuritySettingsWrite, RefusalsTouchNeitherTheRecordNorTheFlash) {
@@ -169,6 +179,16 @@ TEST_F(SecuritySettingsWrite, RefusalsTouchNeitherTheRecordNorTheFlash) {
     EXPECT_EQ(FlashChanges(), 0u) << Item.Name;
   }
   EXPECT_EQ(WriteSecuritySettings(nullptr), EFI_INVALID_PARAMETER);
+}
+
+TEST_F(SecuritySettingsWrite, ALiveBlockOutsideTheMappedFlashIsNotFoundForEveryOperation) {
+  ASSERT_TRUE(Platform->Initialize(EmuHostMemory(), {0, 0, 0x800000, 0x20000}));  // from 0xFF800000
+  StartWithFlags(true, true);
+  SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum, true, 0x21);
+  EXPECT_EQ(WriteSecuritySettings(Record.data()), EFI_NOT_FOUND);
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_NOT_FOUND);
+  EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_NOT_FOUND);
+  EXPECT_EQ(FlashChanges(), 0u);
 }
 
 TEST_F(SecuritySettingsWrite, RetriesUpToOneHundredTimesAndReportsSuccessWhateverTheyGave) {
@@ -256,6 +276,9 @@ TEST_F(SecuritySettingsRecover, WithoutAUsableBackupClearsTheBlockAndResets) {
     EXPECT_EQ(BackupBytes(), Item.Backup) << Item.Name;
     EXPECT_EQ(FailFlag(), kSettingsCleared) << Item.Name;
   }
+  Sim.RuntimeServices()->ResetSystem = ResetThatReturns;
+  LoadLive(Flipped(MakeSettingsRecord(kIntegritySha256), 0x10));
+  EXPECT_EQ(RecoverSecuritySettings(), EFI_DEVICE_ERROR) << "a reset that returns is no success";
 }
 
 TEST_F(SecuritySettingsRecover, ClearWritesZerosWhateverTheBackupSwitchOrStopsBeforeTheReset) {
@@ -267,6 +290,10 @@ TEST_F(SecuritySettingsRecover, ClearWritesZerosWhateverTheBackupSwitchOrStopsBe
   Sim.FailAllocationAfter(1);
   EXPECT_EQ(ClearSecuritySettings(), EFI_OUT_OF_RESOURCES);
   Sim.FailAllocationAfter(0);
+  PLATFORM_FLASH_DEVICE_WRITE RealWrite = Platform->FlashDevice->FlashDeviceWrite;
+  Platform->FlashDevice->FlashDeviceWrite = WriteAlwaysFailing;
+  EXPECT_EQ(ClearSecuritySettings(), EFI_SUCCESS) << "whatever the attempts gave";
+  Platform->FlashDevice->FlashDeviceWrite = RealWrite;
 
   // A clear that cannot find the flash stops before the reset.
   LoadLive(Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x10));
@@ -298,7 +325,7 @@ TEST_F(SecuritySettingsRecover, APowerCutDuringAWriteIsRepairedFromTheBackupAtTh
   EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
   EXPECT_EQ(FailFlagAttributes(), 7u);
   EXPECT_EQ(Calls("FlashDeviceErase"), 1u);
-  EXPECT_EQ(Platform->Calls[0].Arguments[0], kSecuritySettingsBlockAddress);
+  EXPECT_EQ(Platform->Calls[0].Arguments[0], SecuritySettingsBlock);
   EXPECT_EQ(Sim.ResetCount(), 0u);
 }
 

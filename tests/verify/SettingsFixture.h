@@ -120,8 +120,8 @@ protected:
   }
 
   UINT8 *FlashAt(UINT32 Address) { return Platform->Flash.Bytes() + (Address - Platform->FlashBaseAddress); }
-  UINT8 *Live() { return FlashAt(kSecuritySettingsBlockAddress); }
-  UINT8 *Backup() { return FlashAt(kSecuritySettingsBackupAddress); }
+  UINT8 *Live() { return FlashAt(SecuritySettingsBlock); }
+  UINT8 *Backup() { return FlashAt(SecuritySettingsBackup); }
   SettingsBytes LiveBytes() { return SettingsBytes(Live(), Live() + kSecuritySettingsSize); }
   SettingsBytes BackupBytes() { return SettingsBytes(Backup(), Backup() + kSecuritySettingsSize); }
   void LoadLive(const SettingsBytes &Record) { std::memcpy(Live(), Record.data(), Record.size()); }

@@ -245,11 +245,25 @@ public:
   uint32_t TypeB() const { return Options_.SixteenBitTypes ? kTypeCopyB16 : kTypeCopyB; }
   uint32_t TypeBiosFromPsp() const { return Options_.SixteenBitTypes ? kTypeBiosFromPsp16 : kTypeBiosFromPsp; }
 
-  // "$PL2" with a blob and the entry leading to "$BL2", and that "$BL2" with the items.
+  // "$PL2" with a blob and the entry leading to "$BL2", and that "$BL2" with the items. The
+  // "$BL2" entry is written in the items' mode; both relative modes count from the "$PL2".
   void Copy(uint32_t PspLevel2, uint32_t BiosLevel2, uint32_t Data, uint64_t SlotBase,
             std::vector<PlacedBiosEntry> &Report, uint32_t Seed) {
     std::vector<PspEntry> Level2 = Blobs(0x02, 2, 4 + Seed / 0x100);
-    Level2.push_back({TypeBiosFromPsp(), 0x400, B_.Location(BiosLevel2)});
+    const uint64_t Target = B_.Location(BiosLevel2), Self = B_.Location(PspLevel2);
+    uint64_t Pointer = Target;
+    switch (Options_.SourceMode) {
+    case AddressMode::Physical:
+      break;
+    case AddressMode::FlashOffset:
+      Pointer = WithMode(AddressMode::FlashOffset, BiosLevel2);
+      break;
+    case AddressMode::DirectoryRelative:
+    case AddressMode::SlotRelative:
+      Pointer = WithMode(Options_.SourceMode, Target - Self);
+      break;
+    }
+    Level2.push_back({TypeBiosFromPsp(), 0x400, Pointer});
     Put(PspLevel2, PspDirectory("$PL2", Level2));
     Put(BiosLevel2, BiosDirectory("$BL2", Items(Data, B_.Location(BiosLevel2), SlotBase, true, &Report, Seed)));
   }

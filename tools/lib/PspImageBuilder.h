@@ -125,7 +125,7 @@ struct PspTreeOptions {
   uint32_t PspId = 0xBC0D0400;         // this SoC in combo directories and kind-2 headers
   uint32_t BiosPointerOffset = 0x28;   // EFS offset of the "$BHD" location (Plain, PlainLevel2)
   bool LocationsAsOffsets = false;     // directory locations as flash offsets instead of addresses
-  AddressMode SourceMode = AddressMode::Physical;  // how the items' sources are written
+  AddressMode SourceMode = AddressMode::Physical;  // how the items and the "$PL2" -> "$BL2" entry are written
   uint32_t KindOnePriorityA = 2;       // A/B kind 1 header priorities
   uint32_t KindOnePriorityB = 1;
   uint32_t EfsOffset = 0x20000;
