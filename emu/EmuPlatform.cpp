@@ -55,7 +55,7 @@ BOOLEAN EmuPlatform::Initialize(const EmuMemory &Memory, const EmuLayout &NewLay
   FlashDevice = AllocateZeroed<PlatformFlashDeviceProtocol>(Memory.Allocate);
   BootBlockHandler = AllocateZeroed<BootBlockHandlerProtocol>(Memory.Allocate);
   UpdateLog = AllocateZeroed<UpdateLogProtocol>(Memory.Allocate);
-  UpdateStatusBlock = AllocateZeroed<UINT8>(Memory.Allocate, 0x100);
+  UpdateStatusBlock = AllocateZeroed<UINT8>(Memory.Allocate, kUpdateStatusBlockSize);
   UINT32 ChipSize = Layout.LowerFlashSize + Layout.MappedFlashSize;
   UINT8 *ChipBytes = static_cast<UINT8 *>(Memory.Allocate(ChipSize));  // Attach erases it
   EcStoreSize = Layout.EcStoreSize > Layout.EcSize ? Layout.EcStoreSize : Layout.EcSize;

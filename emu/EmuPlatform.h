@@ -142,7 +142,9 @@ public:
   PlatformFlashDeviceProtocol *FlashDevice = nullptr;
   BootBlockHandlerProtocol *BootBlockHandler = nullptr;
   UpdateLogProtocol *UpdateLog = nullptr;
-  UINT8 *UpdateStatusBlock = nullptr;  // what the configuration block points to at 0xED
+  // What the configuration block points to at 0xED; the driver marks an accepted image at 5324.
+  static constexpr UINTN kUpdateStatusBlockSize = 0x2000;
+  UINT8 *UpdateStatusBlock = nullptr;
   EmuSettings Settings;                // setup data, security setup and the SMM settings services
   EmuUpdateLayout UpdateLayout = kDefaultEmuUpdateLayout;  // what GetUpdateLayout reports
   EmuUpdateLog UpdateLogStore;  // the update log's records and its non-volatile progress code

@@ -81,11 +81,11 @@ public:
 
   // A valid CmosToRom image named by its variable, so that the mirrored CMOS write happens.
   void PublishCmosImage() {
-    CmosImage = static_cast<UINT8 *>(EmuHostAllocateBelow4G(kCmosImageSize));
-    std::memset(CmosImage, 0, kCmosImageSize);
+    CmosImage = static_cast<UINT8 *>(EmuHostAllocateBelow4G(CmosToRomImage::kSize));
+    std::memset(CmosImage, 0, CmosToRomImage::kSize);
     UINT16 Checksum = CmosImageChecksum(CmosImage, 1);
-    CmosImage[kBank1ChecksumOffset] = static_cast<UINT8>(Checksum);
-    CmosImage[kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
+    CmosImage[CmosToRomImage::kBank1ChecksumOffset] = static_cast<UINT8>(Checksum);
+    CmosImage[CmosToRomImage::kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
     auto Address = static_cast<UINT32>(reinterpret_cast<UINTN>(CmosImage));
     Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
   }
