@@ -1,0 +1,142 @@
+#include "UpdateRunner.h"
+
+#include <algorithm>
+
+#include "../../emu/host/EmuHostMemory.h"
+#include "../../sim/SimDriverState.h"
+#include "../../src/base/Globals.h"
+#include "../../src/base/Guids.h"
+#include "../../src/driver/Config.h"
+#include "../../src/driver/DriverState.h"
+#include "../../src/driver/Entry.h"
+#include "../../src/driver/FlashMap.h"
+#include "../../src/flash/FlashRecords.h"
+#include "ImageBuilder.h"
+#include "TestSigningKeys.h"
+
+std::unique_ptr<EmuPlatform> MakeInstalledPlatform(const std::vector<uint8_t> &Installed, const EmuLayout &Layout) {
+  auto Platform = std::make_unique<EmuPlatform>();
+  std::string Error;
+  if (!Platform->Initialize(EmuHostMemory(), Layout) || !InstallTestSignatureKeys(*Platform, Error) ||
+      !LoadImage(*Platform, Installed)) {
+    return nullptr;
+  }
+  Platform->Flash.ResetStats();
+  return Platform;
+}
+
+SimulatedBoot::SimulatedBoot(EmuPlatform &Platform, const BootScenario &Scenario)
+    : Hobs(Scenario.BootMode), Platform_(Platform) {
+  ResetAllDriverState();
+  gEmuPlatform = &Platform;
+  Platform.ClearCalls();
+  Platform.ClearTraces();
+  Platform.UpdateLogStore.ClearRecords();
+  if (Scenario.RegionTracked) {
+    Platform.Config->Flags |= kPlatformConfigAlternativeFlag;
+  } else {
+    Platform.Config->Flags &= static_cast<UINT8>(~kPlatformConfigAlternativeFlag);
+  }
+  Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, Platform.PcdBootBlockUpdateEnabled);
+  Sim.SetPcd(gAmdPcdTokenSpaceGuid, kAmdLibrarySettingToken, Platform.PcdAmdLibrarySetting);
+  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, Platform.PcdFlashMapAddress);
+  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapSizeToken, Platform.PcdFlashMapSize);
+
+  Hobs.AddGuidHob(gUpdateAllowedHobGuid, nullptr, 0);
+  Hobs.AddGuidHob(gUpdateAuthorizedHobGuid, nullptr, 0);
+  if (Platform.PcdBootBlockUpdateEnabled) {
+    Hobs.AddGuidHob(gBootBlockUpdateHobGuid, nullptr, 0);
+  }
+  if (Scenario.PeiSignCheck) {
+    Hobs.AddGuidHob(gPeiSignCheckHobGuid, nullptr, 0);
+  }
+  if (Scenario.FullRecovery) {
+    Hobs.AddGuidHob(gFullRecoveryHobGuid, nullptr, 0);
+  }
+  if (Scenario.Resume) {
+    const UINT8 Byte = *Scenario.Resume;
+    Hobs.AddGuidHob(gUpdateResumeHobGuid, &Byte, 1);
+  }
+  Sim.InstallConfigurationTable(gEfiHobListGuid, Hobs.Finish());
+  Sim.InstallPcdProtocol();
+  EmuInstallProtocols(Platform, Sim.BootServices(), EmuInstallOptions{});
+}
+
+SimulatedBoot::~SimulatedBoot() {
+  ResetAllDriverState();
+  gEmuPlatform = nullptr;
+}
+
+EFI_STATUS SimulatedBoot::StartDriver() {
+  const EFI_STATUS Status = _ModuleEntryPoint(Sim.ImageHandle(), Sim.SystemTable());
+  Sim.AdoptLiveAllocations();  // the service tables live for the firmware's life
+  return Status;
+}
+
+BiosImageInterfaceProtocol *SimulatedBoot::Table(bool Second) const {
+  return Second ? mBiosImageInterface2 : mBiosImageInterface;
+}
+
+bool UpdateReport::Completed() const {
+  return Start == EFI_SUCCESS && Query == EFI_SUCCESS && Verify == EFI_SUCCESS && Write == EFI_SUCCESS &&
+         Read == EFI_SUCCESS && ReadBackEqual;
+}
+
+UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const std::vector<uint8_t> &Signature,
+                       const UpdateOptions &Options) {
+  UpdateReport Report;
+  Platform.Flash.ResetStats();
+  SimulatedBoot Boot(Platform, Options.Boot);
+  Report.Start = Boot.StartDriver();
+  BiosImageInterfaceProtocol *Table = Boot.Table(Options.SecondTable);
+  if (Report.Start != EFI_SUCCESS || Table == nullptr) {
+    return Report;
+  }
+  using Clock = std::chrono::steady_clock;
+  const auto Timed = [&Report](auto &&Call) {
+    const auto Begin = Clock::now();
+    const EFI_STATUS Status = Call();
+    Report.HostTime += Clock::now() - Begin;
+    return Status;
+  };
+
+  BiosImageQueryRecord Record = {};
+  Report.Query = Timed([&] { return Table->BiosQueryImage(Table, &Record, 0, 0); });
+  if (Report.Query != EFI_SUCCESS) {
+    return Report;
+  }
+  std::vector<uint8_t> Copy = Image;  // the service blanks part of it while it checks
+  std::vector<uint8_t> SignatureCopy = Signature;
+  Report.Verify = Timed([&] {
+    return Table->BiosVerifySignature(Table, Copy.data(), Copy.size(), SignatureCopy.data(), SignatureCopy.size());
+  });
+  if (Report.Verify != EFI_SUCCESS) {
+    return Report;
+  }
+  Report.BlockSize = Record.BlockSize;
+  Report.Blocks = Record.BlockCount;
+  Report.Write = EFI_SUCCESS;
+  for (uint32_t Block = 0; Block < Report.Blocks; Block++) {
+    BiosWriteRequest Request = {};
+    Request.BlockNumber = static_cast<UINT16>(Block);
+    Request.BlockNumberEx = static_cast<UINT16>(Block);
+    Request.ImageOffset = static_cast<UINT64>(Block) * Record.BlockSize;
+    if (Options.Progress) {
+      Options.Progress(Block, Report.Blocks, Request.ImageOffset);
+    }
+    const EFI_STATUS Status = Timed([&] { return Table->BiosWriteImage(Table, &Record, &Request); });
+    if (Status != EFI_SUCCESS) {
+      Report.BlocksFailed++;
+      Report.Write = Report.Write == EFI_SUCCESS ? Status : Report.Write;
+    }
+  }
+  VOID *ReadBack = nullptr;
+  Report.Read = Timed([&] { return Table->BiosReadImage(Table, 0, &ReadBack); });
+  if (ReadBack != nullptr) {
+    Report.ReadBackEqual = std::equal(Image.begin(), Image.end(), static_cast<const uint8_t *>(ReadBack));
+    gBS->FreePool(ReadBack);
+  }
+  Report.Chip = Platform.Flash.Stats();
+  Report.Time = Platform.Flash.Time();
+  return Report;
+}

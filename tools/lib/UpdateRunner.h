@@ -1,0 +1,76 @@
+// A whole update on the host, the way the update application drives it inside firmware:
+// the driver starts in a simulated boot over an emulated platform holding the installed
+// image, then query, verification, every block, the read-back and its comparison. The
+// platform outlives the boot, so the flash it leaves can be inspected, saved or booted again.
+// Used by the scenario tests, the benchmark and the bios-update command.
+#pragma once
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "../../emu/EmuPlatform.h"
+#include "../../sim/SimHobList.h"
+#include "../../sim/SimUefi.h"
+#include "../../src/driver/BiosImageInterface.h"
+
+// What the earlier boot phase leaves behind, and how the platform is configured.
+struct BootScenario {
+  EFI_BOOT_MODE BootMode = BOOT_WITH_FULL_CONFIGURATION;
+  bool RegionTracked = true;     // bit 6 of the configuration block's flags
+  bool PeiSignCheck = true;      // the detached signature is enforced
+  bool FullRecovery = false;     // a recovery boot rewrites every region
+  std::optional<uint8_t> Resume;  // the resume HOB's byte of an interrupted update
+};
+
+// The reference platform holding Installed as its flash, with the build's signing keys.
+// nullptr when Installed does not fit the platform's layout.
+std::unique_ptr<EmuPlatform> MakeInstalledPlatform(const std::vector<uint8_t> &Installed,
+                                                   const EmuLayout &Layout = kDefaultEmuLayout);
+
+// One boot of the driver over Platform: the simulated UEFI environment with the scenario's
+// HOBs and PCDs, the platform's protocols, the driver's entry. Ending the boot resets the
+// driver's state and gives its memory back; the platform keeps its flash and CMOS.
+class SimulatedBoot {
+public:
+  SimulatedBoot(EmuPlatform &Platform, const BootScenario &Scenario);
+  ~SimulatedBoot();
+  SimulatedBoot(const SimulatedBoot &) = delete;
+  SimulatedBoot &operator=(const SimulatedBoot &) = delete;
+
+  EFI_STATUS StartDriver();
+  // The first installation reports 4 KiB blocks, the second the platform's own.
+  BiosImageInterfaceProtocol *Table(bool Second) const;
+
+  SimUefi Sim;
+  SimHobList Hobs;
+
+private:
+  EmuPlatform &Platform_;
+};
+
+struct UpdateOptions {
+  BootScenario Boot;
+  bool SecondTable = false;
+  // Told before each block is written: block number, block count, image offset.
+  std::function<void(uint32_t, uint32_t, uint64_t)> Progress;
+};
+
+struct UpdateReport {
+  EFI_STATUS Start = EFI_NOT_STARTED, Query = EFI_NOT_STARTED, Verify = EFI_NOT_STARTED;
+  EFI_STATUS Write = EFI_NOT_STARTED;  // the first failing block's status, else EFI_SUCCESS
+  EFI_STATUS Read = EFI_NOT_STARTED;
+  uint32_t Blocks = 0, BlockSize = 0, BlocksFailed = 0;
+  bool ReadBackEqual = false;
+  EmuFlashChip::Counters Chip = {};
+  EmuFlashChip::Timing Time = {};
+  std::chrono::nanoseconds HostTime{0};  // the driver's time in the services, on this machine
+  bool Completed() const;
+};
+
+// Runs query, verification, every block in order and the read-back in one boot. The chip's
+// counters are those of this update alone.
+UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
+                       const std::vector<uint8_t> &Signature, const UpdateOptions &Options = {});
