@@ -19,10 +19,11 @@ struct PortWrite {
 };
 using PortWrites = std::vector<PortWrite>;
 
-// Text modes 0 and 1 are the firmware's usual two; mode 1 is the largest but the end of the
-// display only considers modes from 2 on.
-const std::vector<SimTextMode> kTextModes = {{80, 25}, {200, 64}, {100, 31}, {128, 40}, {160, 50}};
-const std::vector<SimGraphicsMode> kGraphicsModes = {{800, 600}, {1280, 1024}, {1024, 768}, {1024, 768}, {1920, 1080}};
+// Mode 1 is the largest text mode but the end of the display only considers modes from 2
+// on; the repeated modes tell "the first one" and "strictly larger" apart.
+const std::vector<SimTextMode> kTextModes = {{80, 25}, {200, 64}, {100, 31}, {128, 40}, {160, 50}, {128, 40}};
+const std::vector<SimGraphicsMode> kGraphicsModes = {{800, 600},  {1280, 1024}, {1024, 768},
+                                                     {1024, 768}, {1920, 1080}, {1920, 1080}};
 
 // A hook of another driver that answers "taken" to every debug code.
 VOID EFIAPI TakeCodeOver(UINTN, HookEntry *) {
