@@ -159,24 +159,17 @@ TEST_F(CallbackHubTest, FirstSignalCreatesTheNodeAtTheTailOfTheSharedRegistryAnd
   EXPECT_EQ(HookSignal(&kOtherHook, &First), EFI_SUCCESS);
   EXPECT_EQ(HookSignal(&kTestHook, &First), EFI_SUCCESS);
 
-  auto *Bytes = reinterpret_cast<UINT8 *>(HookFind(&kTestHook));
-  ASSERT_NE(Bytes, nullptr);
-  EXPECT_EQ(std::memcmp(Bytes, "ZQCH", 4), 0);
-  EXPECT_EQ(std::memcmp(Bytes + 0xC4, &kTestHook, sizeof(EFI_GUID)), 0);
-  UINT64 SignalCount = 0, Depth = 1;
-  VOID *Current = &First;
-  std::memcpy(&SignalCount, Bytes + 0xB8, 8);
-  std::memcpy(&Depth, Bytes + 0xE0, 8);
-  std::memcpy(&Current, Bytes + 0xD8, 8);
-  EXPECT_EQ(SignalCount, 1u);
-  EXPECT_EQ(Depth, 0u);
-  EXPECT_EQ(Current, nullptr);
-  for (size_t List = 0; List < 5; List++) {
-    auto *Head = reinterpret_cast<LIST_ENTRY *>(Bytes + kNodeLists + 16 * List);
-    EXPECT_EQ(Head->Flink, Head);
-    EXPECT_EQ(Head->Blink, Head);
+  HookNode *Hook = HookFind(&kTestHook);  // field offsets are asserted with the layout
+  ASSERT_NE(Hook, nullptr);
+  EXPECT_EQ(std::memcmp(&Hook->Signature, "ZQCH", 4), 0);
+  EXPECT_TRUE(CompareGuid(&Hook->HookGuid, &kTestHook));
+  EXPECT_EQ(Hook->SignalCount, 1u);
+  EXPECT_EQ(Hook->Depth, 0u);
+  EXPECT_EQ(Hook->CurrentRecord, nullptr);
+  for (LIST_ENTRY &Head : Hook->Lists) {
+    EXPECT_TRUE(Head.Flink == &Head && Head.Blink == &Head);
   }
-  EXPECT_EQ(Platform->Hub.Registry.Blink, reinterpret_cast<LIST_ENTRY *>(Bytes + 8)) << "appended at the tail";
+  EXPECT_EQ(Platform->Hub.Registry.Blink, &Hook->Link) << "appended at the tail";
   EXPECT_EQ(First.Status, 0u);
 }
 

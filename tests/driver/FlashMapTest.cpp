@@ -305,19 +305,6 @@ TEST_F(FlashMapTest, CountIsEightBitsWideAndNameSearchStillEnds) {
   EXPECT_EQ(Address, kBase + 0x999);
 }
 
-TEST_F(FlashMapTest, DefaultImageCarriesTheReferenceMapWhereThePlatformPcdPoints) {
-  ASSERT_TRUE(LoadImage(*Platform, DefaultImage()));
-  EXPECT_EQ(Platform->PcdFlashMapAddress, kDefaultFlashMapAddress);
-  EXPECT_EQ(FlashMapFind(), Platform->Flash.Bytes() + (kDefaultFlashMapAddress - Platform->FlashBaseAddress));
-  EXPECT_EQ(FlashMapGetAddress(&gNvVariableStoreRegionGuid, 1), gConfig.VariableStoreBase);
-  EXPECT_EQ(FlashMapGetSize(&gNvVariableStoreRegionGuid, 1), gConfig.VariableStoreSize);
-  EXPECT_EQ(FlashMapGetAddress(&gVariableStoreBackupAreaGuid, 1), gConfig.VariableBackupBase);
-  EXPECT_EQ(FlashMapGetSize(&gVariableStoreBackupAreaGuid, 1), gConfig.VariableBackupSize);
-  UINT64 Address = 0;
-  EXPECT_EQ(FlashMapFindByName(&gNvVariableStoreRegionGuid, &Address, nullptr), EFI_SUCCESS);
-  EXPECT_EQ(Address, gConfig.VariableStoreBase);
-}
-
 // The variable-store pointers of the 17th constructor: the named area first, else the first
 // area of the store type.
 TEST_F(FlashMapTest, VariableStorePointersComeFromTheNamedAreaOrTheFirstOfTheType) {

@@ -271,27 +271,4 @@ TEST(RsaDifferential, MalformedBlocksLengthsAndRangeAgreeWithOpenSsl) {
   }
 }
 
-TEST(RsaDifferential, ManyMessagesAndRandomBitFlipsAgreeWithOpenSsl) {
-  std::mt19937 Rng(11);
-  for (const TestKey &Key : Keys()) {
-    for (size_t Round = 0; Round < 6; Round++) {
-      const Bytes Message = RandomBytes(Rng, Round == 5 ? 70000 : Rng() % 300);
-      const Case Good = Signed(Key, Message);
-      ExpectAgreement(Key, Good, true, "message " + std::to_string(Round));
-      for (size_t Flip = 0; Flip < 3; Flip++) {
-        Case Bad = Good;
-        const size_t Bit = Rng() % (8 * Bad.Signature.size());
-        Bad.Signature[Bit / 8] ^= static_cast<uint8_t>(1u << (Bit % 8));
-        ExpectAgreement(Key, Bad, false, "signature bit " + std::to_string(Bit) + " flipped");
-        if (!Good.Message.empty()) {
-          Bad = Good;
-          const size_t MessageBit = Rng() % (8 * Bad.Message.size());
-          Bad.Message[MessageBit / 8] ^= static_cast<uint8_t>(1u << (MessageBit % 8));
-          ExpectAgreement(Key, Bad, false, "message bit " + std::to_string(MessageBit) + " flipped");
-        }
-      }
-    }
-  }
-}
-
 }  // namespace

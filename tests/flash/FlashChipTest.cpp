@@ -1,5 +1,5 @@
-// The emulated SPI NOR chip: erase and program semantics, the timing model, and the two
-// kinds of injected faults.
+// The emulated SPI NOR chip: program semantics, range refusals and the power cut that the
+// flash scenarios build on.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -13,11 +13,7 @@ constexpr UINT32 kChipSize = 4 * EmuFlashChip::kSectorSize;
 class FlashChip : public ::testing::Test {
 protected:
   FlashChip() : Storage(kChipSize, 0x00) { Chip.Attach(Storage.data(), kChipSize); }
-  void LoadZeros() {
-    const std::vector<UINT8> Zeros(kChipSize, 0);
-    Chip.Load(0, Zeros.data(), kChipSize);
-  }
-
+  void LoadZeros() { Chip.Load(0, std::vector<UINT8>(kChipSize, 0).data(), kChipSize); }
   std::vector<UINT8> Bytes(UINT32 Offset, UINT32 Length) const {
     return std::vector<UINT8>(Storage.begin() + Offset, Storage.begin() + Offset + Length);
   }
@@ -40,18 +36,6 @@ TEST_F(FlashChip, StartsErasedAndProgramOnlyClearsBits) {
   EXPECT_EQ(Chip.Stats().BytesProgrammed, 4u);
 }
 
-TEST_F(FlashChip, EraseCoversEverySectorTheRangeTouchesAndLoadIsNotCounted) {
-  LoadZeros();
-  EXPECT_EQ(Chip.Stats().Programs, 0u);
-  EXPECT_EQ(Chip.Time().Total(), 0u);
-  ASSERT_EQ(Chip.EraseSectors(EmuFlashChip::kSectorSize - 1, 2), EFI_SUCCESS);
-  EXPECT_EQ(Chip.Stats().SectorErases, 2u);
-  EXPECT_EQ(Bytes(0, 2 * EmuFlashChip::kSectorSize), std::vector<UINT8>(2 * EmuFlashChip::kSectorSize, 0xFF));
-  EXPECT_EQ(Bytes(2 * EmuFlashChip::kSectorSize, 1), std::vector<UINT8>{0x00}) << "the third sector is untouched";
-  EXPECT_EQ(Chip.EraseSectors(0x100, 0), EFI_SUCCESS);
-  EXPECT_EQ(Chip.Stats().SectorErases, 2u) << "an empty range erases nothing";
-}
-
 TEST_F(FlashChip, OperationsOutOfRangeAreRefusedAndChangeNothing) {
   const struct {
     const char *Name;
@@ -69,45 +53,6 @@ TEST_F(FlashChip, OperationsOutOfRangeAreRefusedAndChangeNothing) {
   EXPECT_EQ(Chip.Stats().Reads + Chip.Stats().SectorErases + Chip.Stats().Programs, 0u);
   EXPECT_EQ(Chip.OperationsCounted(), 0u) << "refused operations do not move the fault counter";
   EXPECT_EQ(Bytes(0, kChipSize), std::vector<UINT8>(kChipSize, 0xFF));
-}
-
-TEST_F(FlashChip, TimingUsesSectorEraseAndWholePagePrograms) {
-  ASSERT_EQ(Chip.EraseSectors(0, 2 * EmuFlashChip::kSectorSize), EFI_SUCCESS);
-  EXPECT_EQ(Chip.Time().EraseNanoseconds, 2 * 45000000ull);
-
-  std::vector<UINT8> Data(EmuFlashChip::kPageSize + 2, 0x00);
-  ASSERT_EQ(Chip.Program(0, Data.data(), EmuFlashChip::kPageSize), EFI_SUCCESS);  // one whole page
-  ASSERT_EQ(Chip.Program(0x1FF, Data.data(), 2), EFI_SUCCESS);  // two bytes across a page boundary
-  EXPECT_EQ(Chip.Time().ProgramNanoseconds, 3 * 700000ull);
-
-  ASSERT_EQ(Chip.Read(0, Data.data(), 100), EFI_SUCCESS);
-  EXPECT_EQ(Chip.Time().ReadNanoseconds, 100 * 60ull);
-  EXPECT_EQ(Chip.Time().Total(), 2 * 45000000ull + 3 * 700000ull + 6000ull);
-
-  Chip.ResetStats();
-  EXPECT_EQ(Chip.Time().Total(), 0u);
-  EXPECT_EQ(Chip.Stats().SectorErases, 0u);
-}
-
-TEST_F(FlashChip, FailedOperationReturnsDeviceErrorAndLeavesTheArray) {
-  Chip.FailOperation(2);
-  const UINT8 Data[4] = {0x11, 0x22, 0x33, 0x44};
-  ASSERT_EQ(Chip.EraseSectors(0, 1), EFI_SUCCESS);  // operation 1
-  EXPECT_EQ(Chip.Program(0, Data, 4), EFI_DEVICE_ERROR);  // operation 2
-  EXPECT_EQ(Bytes(0, 4), std::vector<UINT8>(4, 0xFF));
-  EXPECT_EQ(Chip.Stats().Programs, 0u);
-  EXPECT_EQ(Chip.Program(0, Data, 4), EFI_SUCCESS) << "only the Nth operation fails";
-  EXPECT_EQ(Bytes(0, 4), (std::vector<UINT8>{0x11, 0x22, 0x33, 0x44}));
-  EXPECT_FALSE(Chip.PowerLost());
-
-  LoadZeros();  // each erased sector is one operation
-  Chip.ResetStats();
-  Chip.FailOperation(2);
-  EXPECT_EQ(Chip.EraseSectors(0, 3 * EmuFlashChip::kSectorSize), EFI_DEVICE_ERROR);
-  EXPECT_EQ(Bytes(0, 1), std::vector<UINT8>{0xFF}) << "sector 0 was erased before the fault";
-  EXPECT_EQ(Bytes(EmuFlashChip::kSectorSize, 1), std::vector<UINT8>{0x00});
-  EXPECT_EQ(Bytes(2 * EmuFlashChip::kSectorSize, 1), std::vector<UINT8>{0x00}) << "nothing after the fault";
-  EXPECT_EQ(Chip.Stats().SectorErases, 1u);
 }
 
 TEST_F(FlashChip, PowerCutLeavesAnEraseDoneAProgramHalfDoneAndStopsTheChip) {

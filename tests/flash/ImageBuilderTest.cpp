@@ -1,7 +1,5 @@
-// The image builder: volumes whose headers and files check out, the BIOS ID where the
-// platform looks for it, placement by flash address across the image's parts, refused
-// overlaps, and loading an image into the emulated platform.
-#include <stdexcept>
+// The image builder: volumes whose headers and files check out, and the signature structures
+// and the new release where the driver's scans expect them.
 
 #include "../../src/flash/BiosIdRecord.h"
 #include "../../tools/lib/DefaultImageLayout.h"
@@ -103,50 +101,6 @@ TEST(ImageBuilder, DefaultImageVolumesParseAndRecoveryCopiesMatchTheirOriginals)
   EXPECT_EQ(Image.FindRegion("IBB2R")->Address + kIbb2Size, kDxeFvAddress) << "the copies end where DXE starts";
 }
 
-TEST(ImageBuilder, BiosIdSitsOnASixteenByteStepOfTheBiosIdArea) {
-  DefaultImageOptions Options;
-  memcpy(Options.BiosId, "AB123", kBiosIdLength);
-  const ImageBuilder Image = BuildDefaultImage(Options);
-  const auto Area = Image.At(kBiosIdAreaAddress, kBiosIdAreaSize);
-  UINT8 Id[kBiosIdLength] = {};
-  ASSERT_TRUE(FindBiosId(ByteView(Area.data(), Area.size()), Id));
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(Id), kBiosIdLength), "AB123");
-}
-
-TEST(ImageBuilder, FlashAddressesMapAcrossTheEcAndLowerPartsAndRegionsMayNotOverlap) {
-  ImageBuilder Image(EmuLayout{0x1000, 0x2000, 0x10000, 0});
-  EXPECT_EQ(Image.Size(), 0x13000u);
-  const uint8_t Lower[2] = {1, 2}, Mapped[2] = {3, 4}, Ec[2] = {5, 6};
-  Image.PutBytes(0xFF000000 - 0x2000, Lower).PutBytes(0xFF000000, Mapped).PutEcBytes(0xFFE, Ec);
-  EXPECT_EQ(Image.Bytes()[0x1000], 1);
-  EXPECT_EQ(Image.Bytes()[0x3001], 4);
-  EXPECT_EQ(Image.Bytes()[0xFFF], 6);
-  EXPECT_THROW(Image.PutBytes(0xFF000000 - 0x2001, Lower), std::out_of_range);
-  EXPECT_THROW(Image.PutBytes(0xFF00FFFF, Lower), std::out_of_range) << "one byte past the mapped part";
-  EXPECT_THROW(Image.PutEcBytes(0xFFF, Ec), std::out_of_range);
-  EXPECT_THROW(Image.At(0xFF000000, SIZE_MAX), std::out_of_range);
-
-  Image.PlaceRegion("A", 0xFF001000, 0x1000);
-  EXPECT_THROW(Image.PlaceRegion("B", 0xFF001FFF, 0x10), std::invalid_argument);
-  EXPECT_THROW(Image.PlaceRegion("C", 0xFF000000, 0x1001), std::invalid_argument);
-  EXPECT_NO_THROW(Image.PlaceRegion("D", 0xFF002000, 0x10));
-  EXPECT_THROW(Image.PlaceRegion("E", 0xFEFFD000, 0x1000), std::out_of_range) << "below the lower part";
-}
-
-TEST(ImageBuilder, AlignedFileDataGetsAPadFileInFront) {
-  FirmwareVolumeBuilder Volume(gEfiFirmwareFileSystem2Guid, 0x2000);
-  const uint8_t Data[4] = {1, 2, 3, 4};
-  Volume.AddFile(GeneratedFileName(1), EFI_FV_FILETYPE_RAW, Data);  // data at 0x48 + 24 = 0x60
-  EXPECT_EQ(Volume.LastFileDataOffset(), 0x60u);
-  Volume.AddFile(GeneratedFileName(2), EFI_FV_FILETYPE_RAW, Data, 256);
-  EXPECT_EQ(Volume.LastFileDataOffset(), 0x100u);
-  size_t Files = 0;
-  EXPECT_EQ(CheckVolume(Volume.Bytes(), gEfiFirmwareFileSystem2Guid, Files), "");
-  EXPECT_EQ(Files, 3u) << "two files and the pad between them";
-  const std::vector<uint8_t> Huge(0x2000, 0);
-  EXPECT_THROW(Volume.AddFile(GeneratedFileName(3), EFI_FV_FILETYPE_RAW, Huge), std::length_error);
-}
-
 TEST(ImageBuilder, SignatureStructuresSitWhereTheScansFindThemAndTheNewImageStaysConsistent) {
   using namespace DefaultImageLayout;
   const std::vector<uint8_t> &Image = DefaultImage();
@@ -194,24 +148,6 @@ TEST(ImageBuilder, SignatureStructuresSitWhereTheScansFindThemAndTheNewImageStay
   UINT8 Id[kBiosIdLength] = {};
   ASSERT_TRUE(FindBiosId(ByteView(New.Bytes.data() + (kBiosIdAreaAddress - kMappedBase), kBiosIdAreaSize), Id));
   EXPECT_EQ(std::memcmp(Id, "ZQ42B", kBiosIdLength), 0);
-}
-
-class ImageBuilderLoad : public FlashFixture {};
-
-TEST_F(ImageBuilderLoad, EcPartGoesToTheStoreAndTheFlashPartsToTheChip) {
-  const EmuLayout Layout = {0x4000, 0x10000, 0x01000000, 0x20000};
-  ASSERT_TRUE(Platform->Initialize(EmuHostMemory(), Layout));
-  ImageBuilder Image(Layout);
-  const std::vector<uint8_t> Ec = PseudoRandomBytes(0x4000, 7);
-  const uint8_t Lower[1] = {0x42}, Top[1] = {0x24};
-  Image.PutEcBytes(0, Ec).PutBytes(0xFEFF0000, Lower).PutBytes(0xFFFFFFFF, Top);
-  ASSERT_TRUE(LoadImage(*Platform, Image.Bytes()));
-  EXPECT_TRUE(std::equal(Ec.begin(), Ec.end(), Platform->EcStore));
-  EXPECT_EQ(Platform->EcStore[0x4000], 0xFF) << "the rest of the store is untouched";
-  EXPECT_EQ(Platform->Flash.Bytes()[0], 0x42);
-  EXPECT_EQ(*Platform->MappedFlash(0xFFFFFFFF, 1), 0x24);
-  EXPECT_EQ(Platform->Flash.Stats().Programs, 0u);
-  EXPECT_FALSE(LoadImage(*Platform, DefaultImage())) << "an image of another layout";
 }
 
 }  // namespace

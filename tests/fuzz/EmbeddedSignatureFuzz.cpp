@@ -2,11 +2,11 @@
 // the embedded-signature checks must stay inside the image whatever it holds, and hand the
 // verifier only ranges that lie inside it (or inside the pieces buffer they built).
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
 #include "src/base/Globals.h"
 #include "src/verify/VerifySignature.h"
+#include "tests/fuzz/FuzzBootServices.h"
 
 namespace {
 
@@ -32,31 +32,10 @@ EFI_STATUS EFIAPI CheckedVerify(const VOID *Data, UINT64 DataSize, const VOID *S
   return EFI_SECURITY_VIOLATION;
 }
 
-EFI_STATUS EFIAPI FuzzAllocatePool(EFI_MEMORY_TYPE, UINTN Size, VOID **Buffer) {
-  *Buffer = std::malloc(Size == 0 ? 1 : Size);
-  return *Buffer != nullptr ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
-}
-
-EFI_STATUS EFIAPI FuzzFreePool(VOID *Buffer) {
-  std::free(Buffer);
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI FuzzLocateProtocol(EFI_GUID *, VOID *, VOID **Interface) {
-  *Interface = nullptr;
-  return EFI_NOT_FOUND;  // no PCD protocol: the installed version tag reads as empty
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
-  static EFI_BOOT_SERVICES BootServices = [] {
-    EFI_BOOT_SERVICES Services{};
-    Services.AllocatePool = FuzzAllocatePool;
-    Services.FreePool = FuzzFreePool;
-    Services.LocateProtocol = FuzzLocateProtocol;
-    return Services;
-  }();
+  static EFI_BOOT_SERVICES BootServices = FuzzBootServices();  // no PCD protocol: no installed version tag
   gBS = &BootServices;
   // An exactly sized copy, so that a read past the end is caught.
   std::vector<uint8_t> Image(Data, Data + Size);

@@ -21,6 +21,7 @@
 #include "src/driver/DynamicPcd.h"
 #include "src/driver/FlashMap.h"
 #include "src/driver/LibraryList.h"
+#include "tests/fuzz/FuzzBootServices.h"
 
 namespace {
 // Area types worth hitting: the named-area type and a few the fuzzer can spell from its input.
@@ -44,14 +45,6 @@ EFI_PCD_PROTOCOL gPcd = [] {
   return Pcd;
 }();
 
-EFI_STATUS EFIAPI AllocatePoolFuzz(EFI_MEMORY_TYPE, UINTN Size, VOID **Buffer) {
-  *Buffer = std::malloc(Size == 0 ? 1 : Size);
-  return *Buffer != nullptr ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
-}
-EFI_STATUS EFIAPI FreePoolFuzz(VOID *Buffer) {
-  std::free(Buffer);
-  return EFI_SUCCESS;
-}
 EFI_STATUS EFIAPI LocateProtocolFuzz(EFI_GUID *Protocol, VOID *, VOID **Interface) {
   *Interface = CompareGuid(Protocol, &gEfiPcdProtocolGuid) ? &gPcd
                : CompareGuid(Protocol, &gFlashMapProtocolGuid) ? gTheirs
@@ -135,9 +128,7 @@ void Lookups(const uint8_t *Data, size_t Size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
   static EFI_BOOT_SERVICES BootServices = [] {
-    EFI_BOOT_SERVICES Services = {};
-    Services.AllocatePool = AllocatePoolFuzz;
-    Services.FreePool = FreePoolFuzz;
+    EFI_BOOT_SERVICES Services = FuzzBootServices();
     Services.LocateProtocol = LocateProtocolFuzz;
     Services.InstallProtocolInterface = InstallProtocolFuzz;
     Services.CreateEventEx = CreateEventExFuzz;

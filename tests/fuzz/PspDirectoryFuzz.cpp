@@ -14,6 +14,7 @@
 #include "src/driver/LibraryList.h"
 #include "src/psp/PspDirectory.h"
 #include "src/psp/PspState.h"
+#include "tests/fuzz/FuzzBootServices.h"
 #include "tools/lib/PspImageBuilder.h"
 
 namespace {
@@ -22,19 +23,6 @@ constexpr uint32_t kChipSize = 0x200000;  // 2 MiB keeps each input cheap
 constexpr uint32_t kEfsOffset = 0x20000;
 constexpr uint32_t kTreeOffset = 0x21000;
 constexpr uint32_t kTreeEnd = kTreeOffset + 0x40000;
-
-EFI_STATUS EFIAPI FuzzAllocatePool(EFI_MEMORY_TYPE, UINTN Size, VOID **Buffer) {
-  *Buffer = std::malloc(Size == 0 ? 1 : Size);
-  return *Buffer != nullptr ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
-}
-EFI_STATUS EFIAPI FuzzFreePool(VOID *Buffer) {
-  std::free(Buffer);
-  return EFI_SUCCESS;
-}
-EFI_STATUS EFIAPI FuzzLocateProtocol(EFI_GUID *, VOID *, VOID **Interface) {
-  *Interface = nullptr;
-  return EFI_NOT_FOUND;
-}
 
 struct Shape {
   uint32_t Signature;
@@ -68,9 +56,7 @@ World &TheWorld() {
     if (!W->Platform->Initialize(EmuHostMemory(), EmuLayout{0, 0, kChipSize, 0x1000})) {
       std::abort();
     }
-    W->BootServices.AllocatePool = FuzzAllocatePool;
-    W->BootServices.FreePool = FuzzFreePool;
-    W->BootServices.LocateProtocol = FuzzLocateProtocol;
+    W->BootServices = FuzzBootServices();
     for (size_t Index = 0; Index < kShapeCount; Index++) {
       PspImage::PspTreeOptions Options;
       Options.Shape = kShapes[Index].Tree;

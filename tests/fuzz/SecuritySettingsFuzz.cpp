@@ -10,28 +10,10 @@
 #include "src/base/Guids.h"
 #include "src/verify/PhysicalPresence.h"
 #include "src/verify/SecuritySettings.h"
-
-namespace {
-
-EFI_STATUS EFIAPI FuzzAllocatePool(EFI_MEMORY_TYPE, UINTN Size, VOID **Buffer) {
-  *Buffer = std::malloc(Size == 0 ? 1 : Size);
-  return *Buffer != nullptr ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
-}
-
-EFI_STATUS EFIAPI FuzzFreePool(VOID *Buffer) {
-  std::free(Buffer);
-  return EFI_SUCCESS;
-}
-
-}  // namespace
+#include "tests/fuzz/FuzzBootServices.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
-  static EFI_BOOT_SERVICES BootServices = [] {
-    EFI_BOOT_SERVICES Services = {};
-    Services.AllocatePool = FuzzAllocatePool;
-    Services.FreePool = FuzzFreePool;
-    return Services;
-  }();
+  static EFI_BOOT_SERVICES BootServices = FuzzBootServices();
   gBS = &BootServices;
 
   // The record exactly as flash would hold it: the input, then erased bytes.

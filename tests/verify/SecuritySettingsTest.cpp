@@ -84,19 +84,6 @@ TEST_F(SecuritySettingsCheck, EachFormatPassesWhenSealedAndFailsWhenNot) {
   EXPECT_EQ(CheckSecuritySettings(Cases[4].Record.data()), EFI_SECURITY_VIOLATION);
 }
 
-TEST_F(SecuritySettingsCheck, EveryFlippedBitOfAWordChecksumRecordIsCaught) {
-  SettingsBytes Record = MakeSettingsRecord(kIntegrityWordChecksum);
-  for (size_t Offset = 0; Offset < Record.size(); Offset += 61) {
-    for (UINT8 Bit = 0; Bit < 8; Bit++) {
-      if (Offset == kIntegrityFormatOffset || Offset == kIntegrityFormatOffset + 1) {
-        continue;  // a changed format is another check
-      }
-      SettingsBytes Damaged = Flipped(Record, Offset, static_cast<UINT8>(1u << Bit));
-      ASSERT_EQ(CheckSecuritySettings(Damaged.data()), EFI_SECURITY_VIOLATION) << Offset << " bit " << int(Bit);
-    }
-  }
-}
-
 // ---- WriteSecuritySettings -------------------------------------------------------------------
 class SecuritySettingsWrite : public SettingsFixture {};
 
@@ -440,15 +427,6 @@ TEST_F(SecuritySettingsLibrary, WaitsForALateFlashServiceAndClosesItsEventOnStop
   SecuritySettingsLibDestructor(Sim.ImageHandle(), Sim.SystemTable());
   EXPECT_EQ(Sim.OpenEvents(), EventsBefore);
   SecuritySettingsLibDestructor(Sim.ImageHandle(), Sim.SystemTable());  // nothing left to close
-}
-
-TEST_F(SecuritySettingsLibrary, AFailedEntryStopsTheLibraryWithTheOthers) {
-  Install.FlashService = FALSE;
-  Install.FlashDevice = FALSE;
-  EXPECT_EQ(StartDriver(), EFI_NOT_FOUND);
-  EFI_HANDLE Handle = nullptr;
-  ASSERT_EQ(Sim.Install(&Handle, gPlatformFlashServiceProtocolGuid, Platform->FlashService), EFI_SUCCESS);
-  EXPECT_FALSE(SettingsBackupSupported) << "the notification went with the destructor";
 }
 
 // ---- The same operations in SMM --------------------------------------------------------------
