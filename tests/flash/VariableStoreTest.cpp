@@ -164,7 +164,7 @@ TEST_F(VariableStoreBackup, RefusalsCarryTheirStatusAndWriteNothing) {
   std::deque<SimHobList> HobLists;  // each case's list outlives the loop
   for (const auto &Case : Cases) {
     VariableStoreBackup &Test = *this;
-    ResetAllDriverStateForTest();
+    ResetAllDriverState();
     ASSERT_TRUE(LoadImage(*Platform, DefaultImage()));
     Platform->Flash.ClearFaults();
     Platform->Config->Flags = Case.RegionTracked ? kPlatformConfigAlternativeFlag : 0;
@@ -267,7 +267,7 @@ std::vector<uint8_t> MappingImage(size_t Size, const std::vector<MapRecord> &Rec
 }
 
 TEST(BackupAreaMapping, RecordAndEntryChoiceAndMalformedRecords) {
-  ResetAllDriverStateForTest();
+  ResetAllDriverState();
   mFlashBase = 0xFF000000;
   const UINT64 Right = 0x17C000, Wrong = 0x180000;
   const EFI_GUID Backup = gVariableStoreBackupAreaGuid, Other = gEcFirmwareRegionGuid;

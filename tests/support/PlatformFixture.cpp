@@ -1,44 +1,13 @@
 #include "PlatformFixture.h"
 
 #include "../../emu/host/EmuHostMemory.h"
+#include "../../sim/SimDriverState.h"
 #include "../../src/base/Globals.h"
 #include "../../src/base/Guids.h"
-#include "../../src/base/Hob.h"
-#include "../../src/base/SmmServices.h"
-#include "../../src/driver/CallbackHub.h"
 #include "../../src/driver/Config.h"
-#include "../../src/driver/DriverState.h"
-#include "../../src/driver/DynamicPcd.h"
 #include "../../src/driver/Entry.h"
 #include "../../src/driver/FlashMap.h"
-#include "../../src/driver/PointerRegistration.h"
-#include "../../src/driver/VariableStorePointers.h"
-#include "../../src/flash/FlashState.h"
-#include "../../src/platform/Cmos.h"
-#include "../../src/psp/PspState.h"
-#include "../../src/verify/SecuritySettings.h"
 #include "../../tools/lib/TestSigningKeys.h"
-
-void ResetEdkLibrariesForTest();
-
-void ResetAllDriverStateForTest() {
-  ResetConfigForTest();
-  ResetDriverStateForTest();
-  ResetFlashStateForTest();
-  // These give pool memory back, so they run while gBS is still set.
-  ResetCallbackHubForTest();
-  ResetFlashMapForTest();
-  ResetPointerRegistrationForTest();
-  ResetVariableStorePointersForTest();
-  ResetPspStateForTest();
-  ResetSecuritySettingsForTest();
-  ResetGlobalsForTest();
-  ResetHobCacheForTest();
-  ResetSmmStateForTest();
-  ResetDynamicPcdForTest();
-  ResetCmosStateForTest();
-  ResetEdkLibrariesForTest();
-}
 
 namespace {
 PlatformFixture *gRecordingFixture = nullptr;
@@ -74,7 +43,7 @@ struct PlatformFixtureRecorder {
 };
 
 PlatformFixture::PlatformFixture() {
-  ResetAllDriverStateForTest();
+  ResetAllDriverState();
   gRecordingFixture = this;
   gSimAllocatePool = Sim.BootServices()->AllocatePool;
   gSimCreateEvent = Sim.BootServices()->CreateEvent;
@@ -101,7 +70,7 @@ PlatformFixture::PlatformFixture() {
 PlatformFixture::~PlatformFixture() {
   gEmuPlatform = nullptr;
   gRecordingFixture = this;
-  ResetAllDriverStateForTest();
+  ResetAllDriverState();
   PlatformStorage_.reset();
   EmuHostMemoryReleaseAll();
   gRecordingFixture = nullptr;

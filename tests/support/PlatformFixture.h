@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "../../emu/EmuPlatform.h"
+#include "../../sim/SimDriverState.h"
 #include "../../sim/SimHobList.h"
 #include "../../sim/SimUefi.h"
 
-void ResetAllDriverStateForTest();
 
 class PlatformFixture : public ::testing::Test {
   friend struct PlatformFixtureRecorder;
