@@ -10,8 +10,9 @@ typedef EFI_STATUS(EFIAPI *BIOS_GET_UPDATE_TOKEN)(BiosImageInterfaceProtocol *Th
 typedef EFI_STATUS(EFIAPI *BIOS_QUERY_IMAGE)(BiosImageInterfaceProtocol *This, VOID *QueryRecord, UINT64 Unused2,
                                              UINT64 Unused3);
 typedef EFI_STATUS(EFIAPI *BIOS_READ_IMAGE)(BiosImageInterfaceProtocol *This, UINT64 Unused, VOID **Buffer);
-typedef EFI_STATUS(EFIAPI *BIOS_WRITE_IMAGE)(BiosImageInterfaceProtocol *This, VOID *WriteRequest,
-                                             VOID *RegionParameters);
+// The write takes the query record back (skip regions, block size) and the block's request.
+typedef EFI_STATUS(EFIAPI *BIOS_WRITE_IMAGE)(BiosImageInterfaceProtocol *This, VOID *QueryRecord,
+                                             VOID *WriteRequest);
 typedef EFI_STATUS(EFIAPI *BIOS_VERIFY_SIGNATURE)(BiosImageInterfaceProtocol *This, VOID *Image, UINTN ImageSize,
                                                   VOID *Signature, UINT64 SignatureSize);
 typedef EFI_STATUS(EFIAPI *BIOS_SET_FLASH_COMPLETION_STATUS)(BiosImageInterfaceProtocol *This, UINT8 Status);
@@ -39,7 +40,7 @@ EFI_STATUS EFIAPI BiosGetDriverVersion(BiosImageInterfaceProtocol *This, UINT8 *
 EFI_STATUS EFIAPI BiosGetUpdateToken(BiosImageInterfaceProtocol *This, UINT64 *Token);
 EFI_STATUS EFIAPI BiosQueryImage(BiosImageInterfaceProtocol *This, VOID *QueryRecord, UINT64 Unused2, UINT64 Unused3);
 EFI_STATUS EFIAPI BiosReadImage(BiosImageInterfaceProtocol *This, UINT64 Unused, VOID **Buffer);
-EFI_STATUS EFIAPI BiosWriteImage(BiosImageInterfaceProtocol *This, VOID *WriteRequest, VOID *RegionParameters);
+EFI_STATUS EFIAPI BiosWriteImage(BiosImageInterfaceProtocol *This, VOID *QueryRecord, VOID *WriteRequest);
 EFI_STATUS EFIAPI BiosVerifySignature(BiosImageInterfaceProtocol *This, VOID *Image, UINTN ImageSize,
                                       VOID *Signature, UINT64 SignatureSize);
 EFI_STATUS EFIAPI SetFlashCompletionStatus(BiosImageInterfaceProtocol *This, UINT8 Status);

@@ -3,21 +3,6 @@
 #include "BiosImageInterface.h"
 #include "Trace.h"
 
-EFI_STATUS EFIAPI BiosReadImage(BiosImageInterfaceProtocol *This, UINT64 Unused, VOID **Buffer) {
-  (void)This;
-  (void)Unused;
-  (void)Buffer;
-  TRACE("  BiosImageInterfaceProtocol->BiosReadImage Entry");
-  return EFI_UNSUPPORTED;
-}
-
-EFI_STATUS EFIAPI BiosWriteImage(BiosImageInterfaceProtocol *This, VOID *WriteRequest, VOID *RegionParameters) {
-  (void)This;
-  (void)WriteRequest;
-  (void)RegionParameters;
-  return EFI_UNSUPPORTED;
-}
-
 EFI_STATUS EFIAPI SetFlashCompletionStatus(BiosImageInterfaceProtocol *This, UINT8 Status) {
   (void)This;
   TRACE("  BiosImageInterfaceProtocol->SetFlashCompletionStatus Entry [%x]", Status);

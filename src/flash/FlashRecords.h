@@ -16,15 +16,16 @@ struct SkipRegion {
 static_assert(sizeof(SkipRegion) == 8);
 static_assert(offsetof(SkipRegion, Pages) == 4);
 
-// One piece of a block write: Source 0 means the accepted image's bytes at Start.
+// One piece of a block write: Source 0 means the accepted image's bytes at Start. Source is
+// a full memory address: the accepted image may lie above 4 GiB.
 struct FlashWriteRange {
   UINT32 Start;
-  UINT32 Source;
+  UINT64 Source;
   UINT32 Length;
 };
-static_assert(sizeof(FlashWriteRange) == 12);
+static_assert(sizeof(FlashWriteRange) == 16);
 static_assert(offsetof(FlashWriteRange, Source) == 4);
-static_assert(offsetof(FlashWriteRange, Length) == 8);
+static_assert(offsetof(FlashWriteRange, Length) == 12);
 
 struct UpdateRegion {
   UINT64 Address;     // flash address of the region
@@ -66,6 +67,20 @@ struct SavedSkipRegions {
   SkipRegion Regions[kMaxSkipRegions];
 };
 static_assert(offsetof(SavedSkipRegions, Regions) == 1);
+
+// What the tool passes with each block write. Which block-number field is read depends on
+// the protocol installation the tool called through.
+struct BiosWriteRequest {
+  UINT8 Reserved0[2];
+  UINT16 BlockNumber;    // 2: read through the first installation
+  UINT16 BlockNumberEx;  // 4: read through the second installation
+  UINT8 Reserved6[2];
+  UINT64 ImageOffset;    // 8: image offset of the block
+};
+static_assert(sizeof(BiosWriteRequest) == 16);
+static_assert(offsetof(BiosWriteRequest, BlockNumber) == 2);
+static_assert(offsetof(BiosWriteRequest, BlockNumberEx) == 4);
+static_assert(offsetof(BiosWriteRequest, ImageOffset) == 8);
 
 #pragma pack(pop)
 
