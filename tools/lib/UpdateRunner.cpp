@@ -10,7 +10,6 @@
 #include "../../src/driver/DriverState.h"
 #include "../../src/driver/Entry.h"
 #include "../../src/driver/FlashMap.h"
-#include "../../src/flash/FlashRecords.h"
 #include "ImageBuilder.h"
 #include "TestSigningKeys.h"
 
@@ -113,6 +112,7 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
   if (Report.Verify != EFI_SUCCESS) {
     return Report;
   }
+  Report.SkipRegions.assign(Record.SkipRegions, Record.SkipRegions + std::min<size_t>(Record.SkipRegionCount, kMaxSkipRegions));
   Report.BlockSize = Record.BlockSize;
   Report.Blocks = Record.BlockCount;
   Report.Write = EFI_SUCCESS;

@@ -15,6 +15,7 @@
 #include "../../sim/SimHobList.h"
 #include "../../sim/SimUefi.h"
 #include "../../src/driver/BiosImageInterface.h"
+#include "../../src/flash/FlashRecords.h"
 
 // What the earlier boot phase leaves behind, and how the platform is configured.
 struct BootScenario {
@@ -63,6 +64,7 @@ struct UpdateReport {
   EFI_STATUS Write = EFI_NOT_STARTED;  // the first failing block's status, else EFI_SUCCESS
   EFI_STATUS Read = EFI_NOT_STARTED;
   uint32_t Blocks = 0, BlockSize = 0, BlocksFailed = 0;
+  std::vector<SkipRegion> SkipRegions;  // what the query protected
   bool ReadBackEqual = false;
   EmuFlashChip::Counters Chip = {};
   EmuFlashChip::Timing Time = {};

@@ -1,0 +1,84 @@
+// A whole region-tracked update of the reference image through each of the two tables, as
+// the update application drives it: query, verification, every block in order, read-back.
+// The chip ends up holding the new image outside the protected regions; the progress codes
+// follow the region order, the primary PSP directory's signature is missing exactly while
+// IBB1 to IBB4 are rewritten, and the five debug codes reach port 0x80 in order.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "../../src/base/Hardware.h"
+#include "../../src/flash/FlashState.h"
+#include "../../tools/lib/ImageBuilder.h"
+#include "../../tools/lib/ImageSigner.h"
+#include "../../tools/lib/NewImageBuilder.h"
+#include "../../tools/lib/TestSigningKeys.h"
+#include "../../tools/lib/UpdateRunner.h"
+
+namespace {
+
+constexpr UINT32 kPrimaryPspDirectory = 0xFFF80000;
+constexpr UINT32 kPspCookie = 0x50535024;  // "$PSP"
+
+class WholeUpdate : public ::testing::TestWithParam<bool> {};
+
+TEST_P(WholeUpdate, ReferenceUpdateLandsRegionByRegion) {
+  std::vector<uint8_t> Image = BuildNewImage({}).Bytes;
+  std::vector<uint8_t> Signature;
+  std::string Error;
+  ASSERT_TRUE(SignImage(Image, TestSigningKeyPath(TestSigningKey::Selector1), Signature, Error)) << Error;
+  std::unique_ptr<EmuPlatform> Platform = MakeInstalledPlatform(DefaultImage());
+  ASSERT_NE(Platform, nullptr);
+
+  // Samples, before each block, the last progress code logged and whether "$PSP" is there.
+  std::vector<std::pair<UINT32, bool>> Phases;
+  UpdateOptions Options;
+  Options.SecondTable = GetParam();
+  Options.Progress = [&](uint32_t, uint32_t, uint64_t) {
+    const EmuUpdateLog &Log = Platform->UpdateLogStore;
+    UINT32 Code = 0xFFFFFFFF;
+    for (UINTN Index = Log.Count; Index-- > 0;) {
+      if (Log.Records[Index].Type == EmuUpdateLog::kTypeProgressCode) {
+        memcpy(&Code, Log.Records[Index].Data, sizeof(Code));
+        break;
+      }
+    }
+    UINT32 Cookie = 0;
+    memcpy(&Cookie, Platform->MappedFlash(kPrimaryPspDirectory, 4), 4);
+    if (Phases.empty() || Phases.back().first != Code) {
+      Phases.emplace_back(Code, Cookie == kPspCookie);
+    }
+  };
+  const UpdateReport Report = RunUpdate(*Platform, Image, Signature, Options);
+  ASSERT_TRUE(Report.Completed()) << std::hex << Report.Query << " " << Report.Verify << " " << Report.Write << " "
+                                  << Report.Read;
+  EXPECT_EQ(Report.BlocksFailed, 0u);
+
+  // The chip holds the new image except where the query protected the old content.
+  std::vector<uint8_t> Expected = Image;
+  for (const SkipRegion &Region : Report.SkipRegions) {
+    std::copy_n(DefaultImage().begin() + Region.Start, Region.Pages * 4096ull, Expected.begin() + Region.Start);
+  }
+  EXPECT_TRUE(std::equal(Expected.begin(), Expected.end(), Platform->Flash.Bytes()));
+  EXPECT_EQ(Report.Chip.ProgramFaults, 0u);
+
+  const std::vector<std::pair<UINT32, bool>> ExpectedPhases = {
+      {0xFFFFFFFF, true}, {0, true},  {1, true},  {3, true},  {4, false}, {5, false},
+      {7, false},         {8, true},  {9, true},  {10, true}};
+  EXPECT_EQ(Phases, ExpectedPhases);
+
+  std::vector<UINT32> DebugCodes;
+  for (UINTN Index = 0; Index < Platform->PortLogCount; Index++) {
+    const EmuPortAccess &Access = Platform->PortLog[Index];
+    if (Access.Write && Access.Port == 0x80) {
+      DebugCodes.push_back(Access.Value);
+    }
+  }
+  EXPECT_EQ(DebugCodes, (std::vector<UINT32>{0x2F0, 0x2E0, 0x2F1, 0x2E1, 0x2F2}));
+  EXPECT_EQ(Platform->PortLogDropped, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothTables, WholeUpdate, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool> &Info) { return Info.param ? "Second" : "First"; });
+
+}  // namespace
