@@ -107,7 +107,7 @@ void EmuFillFlashPlatform(EmuPlatform &Platform) {
   Config.BootBlockFvAddress = kBootBlockFvAddress;
   Config.BiosIdAreaAddress = kBiosIdAreaAddress;
   Config.BiosIdAreaSize = kBiosIdAreaSize;
-  Config.EcImageOffset = 0;  // no EC firmware travels with the reference image
-  Config.EcImageSize = 0;
+  Config.EcImageOffset = 0;  // the EC firmware region of the image, whole, at the store's start
+  Config.EcImageSize = kEcFirmwareSize;
   Config.Flags = 0;  // plain layout; tests set kPlatformConfigAlternativeFlag for the region-tracked one
 }

@@ -13,6 +13,13 @@ namespace EmuFlashLayout {
 constexpr UINT32 kMappedBase = 0xFF000000;
 constexpr UINT32 kMappedSize = 0x01000000;
 constexpr UINT32 kEcStoreSize = 0x20000;  // the EC's own firmware store (not part of the image)
+// The EC firmware at the start of the SPI device (its flash-map region), which the update
+// hands to the EC store whole when it reaches OBB.
+constexpr UINT32 kEcFirmwareAddress = 0xFF000000, kEcFirmwareSize = 0x20000;
+// The embedded firmware structure and the primary and backup PSP level-1 directory blocks.
+constexpr UINT32 kEfsAddress = 0xFF020000, kEfsSize = 0x1000;
+constexpr UINT32 kPspL1DirectoryAddress = 0xFFF80000, kPspL1BackupDirectoryAddress = 0xFFF81000;
+constexpr UINT32 kPspL1DirectorySize = 0x1000;
 // The boot block (IBB1): a firmware volume whose last 64 KiB hold the "$BID" record.
 constexpr UINT32 kBootBlockFvAddress = 0xFFA88000;
 constexpr UINT32 kBootBlockFvSize = 0x178000;

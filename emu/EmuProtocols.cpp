@@ -88,7 +88,12 @@ EFI_STATUS EFIAPI WriteEc(const VOID *Buffer, UINT32 Length, UINT32 Offset) {
   if (Offset > Size || Length > Size - Offset || (Buffer == nullptr && Length != 0)) {
     return EFI_INVALID_PARAMETER;
   }
-  CopyMem(P().EcStore + Offset, Buffer, Length);
+  // A source in the flash window (the EC region itself) is read from the chip.
+  const VOID *Source = Buffer;
+  if (const UINT8 *Mapped = P().MappedFlash(Ptr(Buffer), Length); Length != 0 && Mapped != nullptr) {
+    Source = Mapped;
+  }
+  CopyMem(P().EcStore + Offset, Source, Length);
   return EFI_SUCCESS;
 }
 

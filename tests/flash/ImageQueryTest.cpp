@@ -111,7 +111,7 @@ TEST_F(ImageQuery, DefaultImageThroughBothTablesByteForByte) {
   EXPECT_EQ(mFlashInfo.BlockCount, 0x1000u);
   EXPECT_EQ(std::string(reinterpret_cast<char *>(mBiosId), kBiosIdLength), "ZQ42A");
   EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeNormal));
-  EXPECT_FALSE(mEcUpdateDeferred);
+  EXPECT_TRUE(mEcUpdateDeferred) << "the EC state words name the EC firmware, and the boot-block HOB is there";
   EXPECT_FALSE(mLowerFlashWritable);
   EXPECT_FALSE(mRecoveryBootUpdate);
   ASSERT_NE(Hca(), nullptr);

@@ -10,8 +10,8 @@
 namespace DefaultImageLayout {
 using namespace EmuFlashLayout;
 
-// The EC firmware at the start of the SPI device, before the embedded firmware structure.
-constexpr uint32_t kEcFirmwareAddress = 0xFF000000, kEcFirmwareSize = 0x20000;
+// The EC firmware (kEcFirmwareAddress, kEcFirmwareSize), the embedded firmware structure and
+// the PSP level-1 directory blocks are the platform's: EmuFlashLayout.
 // Beside the flash map (0xFF0EA000): the flash-map signature area, the three
 // authenticated-variable digest areas (area 3 directly after area 2), the version record.
 constexpr uint32_t kMapSignatureAreaAddress = 0xFF0EB000, kMapSignatureAreaSize = 0x1000;

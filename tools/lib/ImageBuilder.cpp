@@ -7,6 +7,7 @@
 #include "../../src/flash/BiosIdRecord.h"
 #include "DefaultImageLayout.h"
 #include "FlashMapBuilder.h"
+#include "PspImageBuilder.h"
 #include "VariableStoreBuilder.h"
 
 namespace {
@@ -323,6 +324,17 @@ ImageBuilder BuildDefaultImage(const DefaultImageOptions &Options) {
     Image.PutEcBytes(0, PseudoRandomBytes(Options.Layout.EcSize, 0xEC0000));
   }
   Image.Place("EC", kEcFirmwareAddress, PseudoRandomBytes(kEcFirmwareSize, 0xEC1000));
+
+  // The embedded firmware structure right after the EC firmware, naming the primary PSP
+  // level-1 directory (as an offset from the flash base); the primary and backup directory
+  // blocks after IBB2, each a "$PSP" header without entries.
+  PspImage::EfsFields EfsFields;
+  EfsFields.PspDirectory = kPspL1DirectoryAddress - kMappedBase;
+  Image.Place("EFS", kEfsAddress, PspImage::Efs(EfsFields));
+  const std::vector<uint8_t> PspL1 = PspImage::PspDirectory("$PSP", {});
+  Image.PlaceRegion("PspL1", kPspL1DirectoryAddress, kPspL1DirectorySize).PutBytes(kPspL1DirectoryAddress, PspL1);
+  Image.PlaceRegion("PspL1Backup", kPspL1BackupDirectoryAddress, kPspL1DirectorySize)
+      .PutBytes(kPspL1BackupDirectoryAddress, PspL1);
 
   // OBB: the post-memory code that the boot block loads (FFS3), with the signed file.
   FirmwareVolumeBuilder Obb(gEfiFirmwareFileSystem3Guid, kObbFvSize);

@@ -1,0 +1,228 @@
+// The steps of a region-tracked update as its writes enter each region: the whole sequence
+// of actions, debug codes and progress records in region order, the phase of the progress
+// code, pieces that enter no region, the failures that end a step, the flash-map copy and
+// the EC firmware.
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "../../src/driver/FlashMap.h"
+#include "../../src/flash/ImageQuery.h"
+#include "../../src/update/RegionActions.h"
+#include "../../src/update/UpdateProgress.h"
+#include "../../src/update/UpdateRegionStep.h"
+#include "../../tools/lib/FlashMapBuilder.h"
+#include "../flash/FlashFixture.h"
+
+namespace {
+
+using namespace EmuFlashLayout;
+constexpr UINT32 kBlockUnits = 2;  // 8 KiB flash blocks
+
+// Region i starts at image offset 0x100000 + i x 64 KiB, at progress unit 5 + 8i (block 2 + 4i).
+UINT32 RegionStart(UINT32 Index) { return 0x100000 + Index * 0x10000; }
+UINT16 RegionBlock(UINT32 Index) { return static_cast<UINT16>((5 + 8 * Index) / kBlockUnits); }
+
+class UpdateRegionStepTest : public FlashFixture {
+protected:
+  void SetUp() override {
+    // As on the platform, the map in use is the PEI phase's copy, not the flash copy that
+    // IBB1 invalidates.
+    const std::vector<uint8_t> Map = DefaultFlashMap().Build();
+    Hobs.AddGuidHob(gFlashMapHobGuid, Map.data(), Map.size());
+    Start();
+    for (UINT32 Index = 0; Index < kUpdateRegionCount; Index++) {
+      mUpdateRegionTable[Index].Address = kMappedBase + RegionStart(Index);
+      mUpdateRegionTable[Index].StartBlock = 5 + 8 * Index;
+    }
+    UseImage({});
+  }
+  void TearDown() override { mVerifiedImage = nullptr; }
+
+  // The accepted image: the flash's image with the given 4 KiB blocks changed.
+  void UseImage(std::vector<UINT32> ChangedBlocks) {
+    Image = DefaultImage();
+    for (UINT32 Address : ChangedBlocks) {
+      Image[Address - kMappedBase + 0x800] ^= 0x5A;
+    }
+    mVerifiedImage = Image.data();
+    mVerifiedImageSize = Image.size();
+  }
+  std::vector<UINT32> DebugCodes() const {
+    std::vector<UINT32> Codes;
+    for (UINTN Index = 0; Index < Platform->PortLogCount; Index++) {
+      const EmuPortAccess &Access = Platform->PortLog[Index];
+      if (Access.Write && Access.Port == 0x80 && Access.Width == 4) {
+        Codes.push_back(Access.Value & 0xFF);
+      }
+    }
+    return Codes;
+  }
+  std::vector<UINT32> ProgressCodes() const {
+    std::vector<UINT32> Codes;
+    for (UINTN Index = 0; Index < Platform->UpdateLogStore.Count; Index++) {
+      if (Platform->UpdateLogStore.Records[Index].Type == kUpdateLogRecordProgressCode) {
+        Codes.push_back(*reinterpret_cast<const UINT32 *>(Platform->UpdateLogStore.Records[Index].Data));
+      }
+    }
+    return Codes;
+  }
+  std::vector<std::pair<UINT64, UINT64>> FlashWrites() const {  // type, address
+    std::vector<std::pair<UINT64, UINT64>> Writes;
+    for (const EmuCall &Call : CallsNamed("WriteFlash")) {
+      Writes.emplace_back(Call.Arguments[0], Call.Arguments[1]);
+    }
+    return Writes;
+  }
+  bool FlashHoldsImage(UINT32 Address, UINT32 Length) const {
+    return memcmp(Platform->MappedFlash(Address, Length), &Image[Address - kMappedBase], Length) == 0;
+  }
+  void Clear() {
+    Platform->ClearCalls();
+    Platform->ClearPortLog();
+    Platform->ClearTraces();
+    Platform->UpdateLogStore.ClearRecords();
+  }
+
+  std::vector<UINT8> Image;
+};
+
+TEST_F(UpdateRegionStepTest, EachRegionEntryTakesItsActionsInRegionOrder) {
+  UseImage({kEfsAddress, kPspL1DirectoryAddress});  // the backup directory stays equal
+  const std::vector<std::vector<UINT32>> Codes = {{0xF0}, {0xE0}, {}, {}, {0xF1}, {0xE1}, {}, {}, {0xF2}, {}, {}};
+  for (UINT32 Index = 0; Index < kUpdateRegionCount; Index++) {
+    Clear();
+    EXPECT_EQ(UpdateRegionStep(RegionStart(Index), RegionBlock(Index), kBlockUnits), EFI_SUCCESS);
+    EXPECT_EQ(DebugCodes(), Codes[Index]) << Index;
+    EXPECT_EQ(ProgressCodes(), std::vector<UINT32>{Index}) << Index;
+    // The primary signature is missing exactly from IBB1 on until OBB.
+    EXPECT_EQ(IsPspDirectoryInvalidated(), Index >= RegionIbb1 && Index < RegionObb) << Index;
+    std::vector<std::pair<UINT64, UINT64>> Writes;
+    if (Index == RegionIbb1) {
+      Writes = {{1, kEfsAddress}, {1, kPspL1DirectoryAddress}, {0, Platform->PcdFlashMapAddress}};
+      EXPECT_TRUE(FlashHoldsImage(kEfsAddress, kEfsSize));
+      EXPECT_EQ(*Platform->MappedFlash(Platform->PcdFlashMapAddress, 1), 0xFF) << "no \"QFDM\" in the copy";
+    }
+    if (Index == RegionObb) {
+      Writes = {{1, kPspL1DirectoryAddress}};
+      EXPECT_TRUE(FlashHoldsImage(kPspL1DirectoryAddress, kPspL1DirectorySize));
+      ASSERT_EQ(CallsNamed("WriteEc").size(), 1u);
+      EXPECT_EQ(memcmp(Platform->EcStore, Platform->MappedFlash(kEcFirmwareAddress, kEcFirmwareSize), kEcFirmwareSize), 0);
+    }
+    EXPECT_EQ(FlashWrites(), Writes) << Index;
+  }
+}
+
+TEST_F(UpdateRegionStepTest, PhaseOfTheProgressCodeForTheSamePiece) {
+  struct Row {
+    std::vector<UINT8> Parameter;  // Q42BiosUpdateParameter; empty: absent
+    BOOLEAN Recovery, ResumeB;
+    UINT32 Code;
+  } Rows[] = {{{}, FALSE, FALSE, 0x05}, {{2}, FALSE, FALSE, 0xB5}, {{3}, FALSE, FALSE, 0x05},
+              {{2, 0}, FALSE, FALSE, 0x05},  // longer than one byte: not read
+              {{}, FALSE, TRUE, 0xB5},       {{2}, TRUE, FALSE, 0xC5}, {{}, TRUE, TRUE, 0xC5}};
+  for (const Row &R : Rows) {
+    Sim.Variables().clear();
+    if (!R.Parameter.empty()) {
+      Sim.SetVariable(u"Q42BiosUpdateParameter", gPlatformVariableGuid, 7, R.Parameter.data(), R.Parameter.size());
+    }
+    mRecoveryBootUpdate = R.Recovery;
+    mResumeUpdateB = R.ResumeB;
+    Clear();
+    UpdateRegionStep(RegionStart(RegionIbb2), RegionBlock(RegionIbb2), kBlockUnits);
+    EXPECT_EQ(ProgressCodes(), std::vector<UINT32>{R.Code}) << R.Code;
+  }
+}
+
+TEST_F(UpdateRegionStepTest, OnlyThePieceWithTheRegionsAddressAndBlockEntersIt) {
+  struct Row {
+    const char *Name;
+    UINT32 Start, Block, Units, LowerFlashSize;
+    std::vector<UINT32> Codes;
+  } Rows[] = {
+      {"unit 5 in 8 KiB blocks is block 2", RegionStart(0), 2, 2, 0, {0x00}},
+      {"unit 5 in 4 KiB blocks is block 5", RegionStart(0), 5, 1, 0, {0x00}},
+      {"the lower flash part moves the address", RegionStart(0) + 0x40000, 2, 2, 0x40000, {0x00}},
+      {"IBB1's address, the next block", RegionStart(4), RegionBlock(4) + 1u, 2, 0, {}},
+      {"IBB1's block, 4 KiB further", RegionStart(4) + 0x1000, RegionBlock(4), 2, 0, {}},
+      {"blocks below 4 KiB", RegionStart(0), 5, 0, 0, {}},
+  };
+  for (const Row &R : Rows) {
+    mFlashInfo.LowerFlashSize = R.LowerFlashSize;
+    Clear();
+    EXPECT_EQ(UpdateRegionStep(R.Start, static_cast<UINT16>(R.Block), R.Units), EFI_SUCCESS) << R.Name;
+    EXPECT_EQ(ProgressCodes(), R.Codes) << R.Name;
+    EXPECT_EQ(DebugCodes().size(), R.Codes.size()) << R.Name;
+    EXPECT_EQ(FlashWrites().size(), 0u) << R.Name;
+  }
+}
+
+TEST_F(UpdateRegionStepTest, FailedCopiesEndTheStepAndAFailedEcUpdateDoesNot) {
+  struct Row {
+    const char *Name;
+    UINT32 Region, Changed, EcImageSize;
+    std::string Trace;
+    bool Recorded;
+  } Rows[] = {
+      {"backup directory", RegionIbb1, kPspL1BackupDirectoryAddress, kEcFirmwareSize, "  Update Backup PSPL1 fail!!", false},
+      {"embedded firmware structure", RegionIbb1, kEfsAddress, kEcFirmwareSize, "  Update RomSig fail!!", false},
+      {"primary directory", RegionObb, kPspL1DirectoryAddress, kEcFirmwareSize, "  Update PSPL1 fail!!", false},
+      {"EC image larger than its region", RegionObb, 0, kEcFirmwareSize + 1, "  UpdateEc fail!!", true},
+  };
+  EnableTraces(true);
+  for (const Row &R : Rows) {
+    UseImage(R.Changed != 0 ? std::vector<UINT32>{R.Changed} : std::vector<UINT32>{});
+    Platform->Config->EcImageSize = R.EcImageSize;
+    Platform->Flash.FailOperation(1);
+    Clear();
+    const EFI_STATUS Status = UpdateRegionStep(RegionStart(R.Region), RegionBlock(R.Region), kBlockUnits);
+    Platform->Flash.ClearFaults();
+    EXPECT_EQ(Status == EFI_SUCCESS, R.Recorded) << R.Name;
+    EXPECT_EQ(Traces(), std::vector<std::string>{R.Trace}) << R.Name;
+    EXPECT_EQ(ProgressCodes().size(), R.Recorded ? 1u : 0u) << R.Name;
+    EXPECT_EQ(DebugCodes().size(), R.Recorded ? 1u : 0u) << R.Name;
+    EXPECT_FALSE(IsPspDirectoryInvalidated()) << R.Name;
+  }
+}
+
+TEST_F(UpdateRegionStepTest, FlashMapCopyWithoutItsSignatureIsLeftAlone) {
+  const UINT32 NoMap = kMappedBase + 0x0EF000;  // the version record
+  const std::string Before(reinterpret_cast<const char *>(Platform->MappedFlash(NoMap, 0x1000)), 0x1000);
+  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, NoMap);
+  EXPECT_EQ(InvalidateFlashMapCopy(), EFI_NOT_FOUND);
+  EXPECT_EQ(FlashWrites().size(), 0u);
+  EXPECT_EQ(memcmp(Platform->MappedFlash(NoMap, 0x1000), Before.data(), 0x1000), 0);
+}
+
+TEST_F(UpdateRegionStepTest, EcFirmwareFitsItsFlashMapRegionOrIsRefused) {
+  const std::vector<uint8_t> MapWithoutEc = FlashMapBuilder(kMappedBase)
+      .Add({gVariableStoreBackupAreaGuid, gVariableStoreBackupAreaGuid, 0x17C000, 0x32000, 0}).Build();
+  struct Row {
+    const char *Name;
+    bool EcRegion;
+    UINT32 Size, Offset;
+    EFI_STATUS Status;
+    std::vector<UINT64> WriteEc;  // buffer, length, offset; empty: not called
+  } Rows[] = {
+      {"the whole region", true, kEcFirmwareSize, 0, EFI_SUCCESS, {kEcFirmwareAddress, kEcFirmwareSize, 0}},
+      {"larger than the region", true, kEcFirmwareSize + 1, 0, EFI_BAD_BUFFER_SIZE, {}},
+      {"nothing, and no region", false, 0, 0x10, EFI_SUCCESS, {0, 0, 0x10}},
+      {"something, and no region", false, 0x10, 0, EFI_BAD_BUFFER_SIZE, {}},
+  };
+  for (const Row &R : Rows) {
+    if (!R.EcRegion) {
+      UseFlashMapForTest(MapWithoutEc.data(), MapWithoutEc.size());
+    }
+    Platform->Config->EcImageSize = R.Size;
+    Platform->Config->EcImageOffset = R.Offset;
+    Clear();
+    EXPECT_EQ(UpdateEc(), R.Status) << R.Name;
+    const std::vector<EmuCall> Calls = CallsNamed("WriteEc");
+    ASSERT_EQ(Calls.size(), R.WriteEc.empty() ? 0u : 1u) << R.Name;
+    if (!Calls.empty()) {
+      EXPECT_EQ(std::vector<UINT64>(Calls[0].Arguments, Calls[0].Arguments + 3), R.WriteEc) << R.Name;
+    }
+  }
+}
+
+}  // namespace
