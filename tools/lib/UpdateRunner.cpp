@@ -1,6 +1,7 @@
 #include "UpdateRunner.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "../../emu/host/EmuHostMemory.h"
 #include "../../sim/SimDriverState.h"
@@ -10,6 +11,7 @@
 #include "../../src/driver/DriverState.h"
 #include "../../src/driver/Entry.h"
 #include "../../src/driver/FlashMap.h"
+#include "../../src/driver/FlashMapFormat.h"
 #include "ImageBuilder.h"
 #include "TestSigningKeys.h"
 
@@ -51,6 +53,15 @@ SimulatedBoot::SimulatedBoot(EmuPlatform &Platform, const BootScenario &Scenario
   }
   if (Scenario.FullRecovery) {
     Hobs.AddGuidHob(gFullRecoveryHobGuid, nullptr, 0);
+  }
+  // The earlier boot phase hands the flash map over, so that the driver's lookups do not
+  // depend on the map in flash, which the update itself rewrites.
+  if (const UINT8 *Map = Platform.MappedFlash(Platform.PcdFlashMapAddress, sizeof(FlashMapHeader))) {
+    UINT32 TotalSize = 0;
+    memcpy(&TotalSize, Map + offsetof(FlashMapHeader, TotalSize), sizeof(TotalSize));
+    if (Platform.MappedFlash(Platform.PcdFlashMapAddress, TotalSize) != nullptr) {
+      Hobs.AddGuidHob(gFlashMapHobGuid, Map, TotalSize);
+    }
   }
   if (Scenario.Resume) {
     const UINT8 Byte = *Scenario.Resume;
