@@ -126,10 +126,13 @@ protected:
     return Table->BiosWriteImage(Table, &Record, &Request);
   }
 
+  // The image writes (type 0); the region steps' directory copies use type 1.
   Writes FlashWrites() const {
     Writes Found;
     for (const EmuCall &Call : CallsNamed("WriteFlash")) {
-      Found.emplace_back(Call.Arguments[1], Call.Arguments[3]);
+      if (Call.Arguments[0] == 0) {
+        Found.emplace_back(Call.Arguments[1], Call.Arguments[3]);
+      }
     }
     return Found;
   }
