@@ -26,6 +26,16 @@ constexpr UINTN kMapEntryReadLength = kMapEntryOffsetField + sizeof(UINT64);
 // A store region of the mapped flash, empty when the window does not cover it.
 ByteView MappedStore(UINT32 Base, UINT32 Size) { return ByteView(Hw::FlashPointer(Base, Size), Size); }
 
+// The live store and the length of its volume and store headers, when it passes the NV store
+// volume test and the flash service is there to write it.
+EFI_STATUS LiveStoreForWriting(ByteView &Live, UINTN &Headers) {
+  Live = MappedStore(gConfig.VariableStoreBase, gConfig.VariableStoreSize);
+  if (!IsNvStoreVolume(Live, &Headers)) {
+    return EFI_NOT_FOUND;
+  }
+  return mPlatformFlashService == nullptr ? EFI_NOT_READY : EFI_SUCCESS;
+}
+
 BOOLEAN AllBytesErased(const UINT8 *Bytes, UINTN Length) {
   for (UINTN Index = 0; Index < Length; Index++) {
     if (Bytes[Index] != 0xFF) {
@@ -144,13 +154,11 @@ EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize) {
   if (EfiError(CheckBackupAreaMapping(Image, ImageSize))) {
     return EFI_NO_MAPPING;
   }
-  const ByteView Live = MappedStore(gConfig.VariableStoreBase, gConfig.VariableStoreSize);
+  ByteView Live;
   UINTN Headers = 0;
-  if (!IsNvStoreVolume(Live, &Headers)) {
-    return EFI_NOT_FOUND;
-  }
-  if (mPlatformFlashService == nullptr) {
-    return EFI_NOT_READY;
+  const EFI_STATUS LiveStatus = LiveStoreForWriting(Live, Headers);
+  if (EfiError(LiveStatus)) {
+    return LiveStatus;
   }
   PoolBuffer Backup = PoolBuffer::Allocate(Live.Size());
   if (!Backup) {
@@ -189,13 +197,11 @@ EFI_STATUS RestoreVariableStore() {
   SetMem(Buffer.Data(), Buffer.Size(), 0xFF);
   CopyMem(Buffer.Data(), BackupArea.Data(), BackupArea.Size());
 
-  const ByteView Live = MappedStore(gConfig.VariableStoreBase, gConfig.VariableStoreSize);
+  ByteView Live;
   UINTN Headers = 0;
-  if (!IsNvStoreVolume(Live, &Headers)) {
-    return EFI_NOT_FOUND;
-  }
-  if (mPlatformFlashService == nullptr) {
-    return EFI_NOT_READY;
+  const EFI_STATUS LiveStatus = LiveStoreForWriting(Live, Headers);
+  if (EfiError(LiveStatus)) {
+    return LiveStatus;
   }
   // The live headers stay; the variables come from the backup.
   CopyMem(Buffer.Data(), Live.Data(), Headers);

@@ -9,6 +9,7 @@
 #include "../driver/DynamicPcd.h"
 #include "../driver/FlashMap.h"
 #include "../psp/RomAccess.h"
+#include "UpdateProgress.h"
 
 namespace {
 
@@ -24,15 +25,10 @@ EFI_STATUS CopyBlockFromImage(const UINT8 *Image, UINTN ImageSize, UINT32 Addres
     return EFI_INVALID_PARAMETER;
   }
   PlatformFlashServiceProtocol *Service = nullptr;
-  EFI_STATUS Status = gBS->LocateProtocol(const_cast<EFI_GUID *>(&gPlatformFlashServiceProtocolGuid), nullptr,
-                                          reinterpret_cast<VOID **>(&Service));
+  EFI_STATUS Status = LocatePlatformFlashServiceAfresh(&Service);
   if (EFI_ERROR(Status)) {
     return Status;
   }
-  if (Service == nullptr) {
-    return EFI_NOT_FOUND;
-  }
-  mPlatformFlashService = Service;
 
   const UINT32 Offset = Address - mFlashBase;
   // A block beyond the image is not copied.

@@ -130,17 +130,26 @@ EFI_STATUS Q42ClearUpdateProgress() {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS SetPspDirectorySignature(BOOLEAN Invalidate) {
-  PlatformFlashServiceProtocol *Service = nullptr;
+EFI_STATUS LocatePlatformFlashServiceAfresh(PlatformFlashServiceProtocol **Service) {
+  *Service = nullptr;
   EFI_STATUS Status = gBS->LocateProtocol(const_cast<EFI_GUID *>(&gPlatformFlashServiceProtocolGuid), nullptr,
-                                          reinterpret_cast<VOID **>(&Service));
+                                          reinterpret_cast<VOID **>(Service));
   if (EFI_ERROR(Status)) {
     return Status;
   }
-  if (Service == nullptr) {
+  if (*Service == nullptr) {
     return EFI_NOT_FOUND;
   }
-  mPlatformFlashService = Service;
+  mPlatformFlashService = *Service;  // a failed lookup never clears the one found at entry
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS SetPspDirectorySignature(BOOLEAN Invalidate) {
+  PlatformFlashServiceProtocol *Service = nullptr;
+  EFI_STATUS Status = LocatePlatformFlashServiceAfresh(&Service);
+  if (EFI_ERROR(Status)) {
+    return Status;
+  }
   UINT32 Directory = 0;
   if (!ReadPrimaryDirectoryAddress(&Directory)) {
     return EFI_ACCESS_DENIED;

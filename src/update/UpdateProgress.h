@@ -33,6 +33,9 @@ EFI_STATUS ClearUpdateProgressRecord();
 EFI_STATUS Q42ClearUpdateProgress();
 
 // Zeroes (Invalidate) or restores the "$PSP" signature of the primary directory the EFS names.
+// Locates the platform flash service again (the directory and EFS copies do not trust the
+// pointer kept from entry) and keeps it in mPlatformFlashService when found.
+EFI_STATUS LocatePlatformFlashServiceAfresh(PlatformFlashServiceProtocol **Service);
 EFI_STATUS SetPspDirectorySignature(BOOLEAN Invalidate);
 // The two halves of it, on the 4 KiB block at flash address Directory. Invalidating a block
 // without "$PSP" is EFI_NOT_FOUND; restoring a block that has it writes nothing.
