@@ -1,6 +1,7 @@
 // The flash scenarios: the default platform holding the reference image, with the HOBs of
 // an allowed and authorized update (tests switch each off before Start()).
 #pragma once
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <string>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "../../emu/host/EmuHostMemory.h"
+#include "../../src/base/Globals.h"
 #include "../../src/base/Guids.h"
 #include "../../src/driver/DriverState.h"
 #include "../../src/flash/FlashRecords.h"
@@ -54,6 +56,23 @@ protected:
     ASSERT_EQ(StartDriver(), EFI_SUCCESS);
     Platform->ClearCalls();
     Platform->ClearTraces();
+  }
+
+  // Makes a pool copy of what the platform holds (EC store and chip) the accepted image,
+  // every byte XORed with Flip, with the platform's own geometry in mFlashInfo.
+  void AcceptFlashCopy(UINT8 Flip) {
+    ASSERT_EQ(Platform->FlashService->GetFlashInfo(&mFlashInfo), EFI_SUCCESS);
+    const UINT32 Ec = Platform->Layout.EcSize;
+    const UINTN Size = Ec + Platform->Flash.Size();
+    VOID *Copy = nullptr;
+    ASSERT_EQ(gBS->AllocatePool(EfiBootServicesData, Size, &Copy), EFI_SUCCESS);
+    mVerifiedImage = static_cast<UINT8 *>(Copy);
+    mVerifiedImageSize = Size;
+    std::copy_n(Platform->EcStore, Ec, mVerifiedImage);
+    std::copy_n(Platform->Flash.Bytes(), Platform->Flash.Size(), mVerifiedImage + Ec);
+    for (UINTN Index = 0; Index < Size; Index++) {
+      mVerifiedImage[Index] ^= Flip;
+    }
   }
 
   EFI_STATUS Query(BiosImageInterfaceProtocol *Table, BiosImageQueryRecord &Record) {

@@ -15,18 +15,7 @@ protected:
   // A changed image accepted (every byte differs from the flash and the EC store).
   void StartWithChangedImage() {
     Start();
-    ASSERT_EQ(Platform->FlashService->GetFlashInfo(&mFlashInfo), EFI_SUCCESS);
-    const UINT32 Ec = Platform->Layout.EcSize;
-    const UINTN Size = Ec + Platform->Flash.Size();
-    VOID *Copy = nullptr;
-    ASSERT_EQ(gBS->AllocatePool(EfiBootServicesData, Size, &Copy), EFI_SUCCESS);
-    mVerifiedImage = static_cast<UINT8 *>(Copy);
-    mVerifiedImageSize = Size;
-    std::copy_n(Platform->EcStore, Ec, mVerifiedImage);
-    std::copy_n(Platform->Flash.Bytes(), Platform->Flash.Size(), mVerifiedImage + Ec);
-    for (UINTN Index = 0; Index < Size; Index++) {
-      mVerifiedImage[Index] ^= 0xA5;
-    }
+    AcceptFlashCopy(0xA5);
   }
 
   std::vector<UINT8> Read(EFI_STATUS Expected = EFI_SUCCESS) {

@@ -87,19 +87,9 @@ protected:
   // changed copy differs in every byte, so that every planned range reaches the chip.
   void StartWithImage(bool Changed = true) {
     Start();
-    ASSERT_EQ(Platform->FlashService->GetFlashInfo(&mFlashInfo), EFI_SUCCESS);
+    AcceptFlashCopy(Changed ? 0x5A : 0x00);
     mFlashInfo.BlockSize = 0x1000;
-    const UINT32 Ec = Platform->Layout.EcSize;
-    const UINTN Size = Ec + Platform->Flash.Size();
-    VOID *Copy = nullptr;
-    ASSERT_EQ(gBS->AllocatePool(EfiBootServicesData, Size, &Copy), EFI_SUCCESS);
-    mVerifiedImage = static_cast<UINT8 *>(Copy);
-    mVerifiedImageSize = Size;
-    std::copy_n(Platform->EcStore, Ec, mVerifiedImage);
-    std::copy_n(Platform->Flash.Bytes(), Platform->Flash.Size(), mVerifiedImage + Ec);
-    for (UINTN Index = 0; Changed && Index < Size; Index++) {
-      mVerifiedImage[Index] ^= 0x5A;
-    }
+    const UINTN Size = mVerifiedImageSize;
     Record.BlockSize = 0x1000;
     Record.BlockCount = static_cast<UINT16>(Size / 0x1000);
     Platform->ClearCalls();
