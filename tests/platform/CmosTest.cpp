@@ -189,6 +189,10 @@ protected:
     Image[450] = static_cast<UINT8>(Checksum);
     Image[451] = static_cast<UINT8>(Checksum >> 8);
     ImageOffset = Hobs.AddGuidHob(gCmosToRomImageHobGuid, Image, sizeof(Image));
+    // Live CMOS agrees with the image, so the restore at start leaves the image as it is.
+    Platform->ExtendedCmos[0xF9] = 4;
+    Platform->ExtendedCmos[0xC2] = Image[450];
+    Platform->ExtendedCmos[0xC3] = Image[451];
     CmosAccess::SetUp();
   }
   size_t ImageOffset = 0;
