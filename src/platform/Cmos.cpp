@@ -38,25 +38,6 @@ template <typename Access> auto WithInterruptsMasked(Access Run) {
   return Result;
 }
 
-bool IsEndRange(const CmosChecksumRange &Range) { return Range.Start == 0xFF && Range.Count == 0xFF; }
-
-template <typename Visit> void ForEachListedIndex(UINTN Bank, Visit Visitor) {
-  const CmosChecksumRange *List = CmosChecksumList(Bank);
-  UINTN Limit = CmosChecksumListLimit(Bank);
-  for (UINTN Range = 0; List != nullptr && Range < Limit && !IsEndRange(List[Range]); Range++) {
-    for (UINT64 Step = 0; Step < List[Range].Count; Step++) {
-      UINT64 Index = List[Range].Start + Step;
-      if (Index > 0xFF) {
-        break;
-      }
-      Visitor(static_cast<UINT8>(Index));
-    }
-  }
-}
-
-UINTN StoredChecksumOffset(UINTN Bank) {
-  return Bank == 0 ? CmosToRomImage::kBank0ChecksumOffset : CmosToRomImage::kBank1ChecksumOffset;
-}
 
 // The image named by Q42CmosToRom. Returns FALSE when the variable cannot be read;
 // *Image is then untouched. A readable variable may still name no image (nullptr).

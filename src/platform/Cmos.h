@@ -61,6 +61,25 @@ BOOLEAN IsChecksummedCmosIndex(UINTN Bank, UINT8 Index);
 const CmosChecksumRange *CmosChecksumList(UINTN Bank);
 UINTN CmosChecksumListLimit(UINTN Bank);
 
+// Calls Visitor with every CMOS index the bank's checksum list names, in list order.
+template <typename Visit> void ForEachListedIndex(UINTN Bank, Visit Visitor) {
+  const CmosChecksumRange *List = CmosChecksumList(Bank);
+  const UINTN Limit = CmosChecksumListLimit(Bank);
+  for (UINTN Range = 0; List != nullptr && Range < Limit; Range++) {
+    if (List[Range].Start == 0xFF && List[Range].Count == 0xFF) {
+      break;  // the list's end
+    }
+    for (UINT64 Step = 0; Step < List[Range].Count && List[Range].Start + Step <= 0xFF; Step++) {
+      Visitor(static_cast<UINT8>(List[Range].Start + Step));
+    }
+  }
+}
+
+// Where a CmosToRom image keeps the bank's stored checksum.
+inline UINTN StoredChecksumOffset(UINTN Bank) {
+  return Bank == 0 ? CmosToRomImage::kBank0ChecksumOffset : CmosToRomImage::kBank1ChecksumOffset;
+}
+
 UINT8 ReadCmosToRom(UINT8 Index);
 VOID WriteCmosToRom(UINT8 Index, UINT8 Value);
 VOID AppendCmosJournal(UINT8 Index, UINT8 Value, const UINT16 *Checksum);

@@ -12,23 +12,6 @@ namespace {
 
 constexpr UINTN kBankSize = 256;
 
-UINTN StoredChecksumOffset(UINTN Bank) {
-  return Bank == 0 ? CmosToRomImage::kBank0ChecksumOffset : CmosToRomImage::kBank1ChecksumOffset;
-}
-
-template <typename Visit> void ForEachListedIndex(UINTN Bank, Visit Visitor) {
-  const CmosChecksumRange *List = CmosChecksumList(Bank);
-  const UINTN Limit = CmosChecksumListLimit(Bank);
-  for (UINTN Range = 0; List != nullptr && Range < Limit; Range++) {
-    if (List[Range].Start == 0xFF && List[Range].Count == 0xFF) {
-      break;
-    }
-    for (UINT64 Step = 0; Step < List[Range].Count && List[Range].Start + Step <= 0xFF; Step++) {
-      Visitor(static_cast<UINT8>(List[Range].Start + Step));
-    }
-  }
-}
-
 BOOLEAN HobPresent(const EFI_GUID &Guid) { return GetFirstGuidHob(&Guid) != nullptr; }
 
 // The image the earlier phase left in its HOB; a HOB too short to hold one is not used.
