@@ -165,6 +165,17 @@ public:
   void Record(const char *Name, UINT64 A0 = 0, UINT64 A1 = 0, UINT64 A2 = 0, UINT64 A3 = 0);
   UINTN CountCalls(const char *Name) const;
   void ClearCalls() { CallCount = CallsDropped = 0; }
+
+  // ---- The end of an update ---------------------------------------------------------------
+  // GetMessageBuffer hands out MessageBuffer; SendMessage keeps a copy of its bytes.
+  static constexpr UINTN kMessageBufferSize = 64;
+  UINT8 MessageBuffer[kMessageBufferSize] = {};
+  UINT8 SentMessage[kMessageBufferSize] = {};
+  UINTN SentMessageCount = 0;
+  // The location FlashServiceData names at 0x3C2: a pool buffer the platform allocated
+  // (EmuInstallOptions::CompletionPoolBuffer) until the driver frees it.
+  VOID *CompletionPoolBuffer = nullptr;
+  EFI_STATUS NotifyUpdatePhaseStatus = EFI_SUCCESS;  // what NotifyUpdatePhase answers
 };
 
 // The platform the emulated hardware binding and the protocol members work on.
@@ -186,6 +197,9 @@ struct EmuInstallOptions {
   BOOLEAN CallbackHub = TRUE;          // a registry another driver already created
   BOOLEAN PointerRegistration = TRUE;  // the runtime core's pointer-registration service
   BOOLEAN SignatureVerifier = TRUE;    // ImageSignatureVerifyProtocol
+  // Allocates the platform's pool buffer that the completion service frees (host fixtures
+  // that never start the driver would see it as a leak, so it is asked for).
+  BOOLEAN CompletionPoolBuffer = FALSE;
 };
 EFI_STATUS EmuInstallProtocols(EmuPlatform &Platform, EFI_BOOT_SERVICES *BootServices,
                                const EmuInstallOptions &Options);

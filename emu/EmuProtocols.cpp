@@ -9,6 +9,8 @@ using namespace emu_members;
 
 namespace {
 
+constexpr UINTN kCompletionPoolBufferSize = 0x100;
+
 // ---- Flash device interface ----------------------------------------------------------------
 EFI_STATUS EFIAPI FlashDeviceWrite(UINTN Address, const VOID *Buffer, UINTN Length) {
   P().Record("FlashDeviceWrite", Address, Ptr(Buffer), Length);
@@ -102,8 +104,9 @@ EFI_STATUS EFIAPI SetUpdateInProgress(UINT8 Value) {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FlashServiceMember454(UINT64 Argument) {
-  P().Record("FlashServiceMember454", Argument);
+// Records the byte it is handed and its address.
+EFI_STATUS EFIAPI CompletionNotify(UINT8 *Value) {
+  P().Record("CompletionNotify", Value == nullptr ? 0x100 : *Value, Ptr(Value));
   return EFI_SUCCESS;
 }
 
@@ -120,7 +123,7 @@ EFI_STATUS EFIAPI SetDebugCodeDisplay(VOID *TextOut, BOOLEAN Start) {
 // ---- Configuration block operations ------------------------------------------------------
 EFI_STATUS EFIAPI ConfigNotifyUpdatePhase(UINT64 First, UINT64 Second) {
   P().Record("NotifyUpdatePhase", First, Second);
-  return EFI_SUCCESS;
+  return P().NotifyUpdatePhaseStatus;
 }
 
 EFI_STATUS EFIAPI ConfigCheckImage(const VOID *Image, UINT64 ImageSize) {
@@ -128,13 +131,24 @@ EFI_STATUS EFIAPI ConfigCheckImage(const VOID *Image, UINT64 ImageSize) {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI ConfigCompletion1() {
-  P().Record("ConfigCompletion1");
+EFI_STATUS EFIAPI ConfigGetMessageBuffer(VOID **Buffer, UINTN *Size) {
+  P().Record("GetMessageBuffer", Ptr(Buffer), Ptr(Size));
+  if (Buffer == nullptr || Size == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
+  *Buffer = P().MessageBuffer;
+  *Size = EmuPlatform::kMessageBufferSize;
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI ConfigCompletion2() {
-  P().Record("ConfigCompletion2");
+// Keeps the bytes of the platform's own buffer; any other buffer is only recorded.
+EFI_STATUS EFIAPI ConfigSendMessage(VOID *Buffer) {
+  P().Record("SendMessage", Ptr(Buffer));
+  if (Buffer != P().MessageBuffer) {
+    return EFI_INVALID_PARAMETER;
+  }
+  CopyMem(P().SentMessage, Buffer, EmuPlatform::kMessageBufferSize);
+  P().SentMessageCount++;
   return EFI_SUCCESS;
 }
 
@@ -182,13 +196,14 @@ void EmuFillProtocols(EmuPlatform &Platform) {
 
   PlatformFlashServiceProtocol &Service = *Platform.FlashService;
   Service.PlatformData = Platform.PlatformData;
+  Platform.PlatformData->PoolBufferLocation = &Platform.CompletionPoolBuffer;
   Service.ReadFlash = ReadFlash;
   Service.SetFlashAccessType = SetFlashAccessType;
   Service.WriteFlash = WriteFlash;
   Service.ReadEc = ReadEc;
   Service.WriteEc = WriteEc;
   Service.SetUpdateInProgress = SetUpdateInProgress;
-  Service.Member454 = FlashServiceMember454;
+  Service.CompletionNotify = CompletionNotify;
   Service.SetDebugCodeDisplay = SetDebugCodeDisplay;
   Service.Member51C = FlashServiceMember51C;
 
@@ -196,8 +211,8 @@ void EmuFillProtocols(EmuPlatform &Platform) {
   Config.NotifyUpdatePhase = ConfigNotifyUpdatePhase;
   Config.CheckImage = ConfigCheckImage;
   Config.UpdateStatusBlock = Platform.UpdateStatusBlock;
-  Config.CompletionOperation1 = ConfigCompletion1;
-  Config.CompletionOperation2 = ConfigCompletion2;
+  Config.GetMessageBuffer = ConfigGetMessageBuffer;
+  Config.SendMessage = ConfigSendMessage;
   Config.GetUpdateLayout = ConfigGetUpdateLayout;
   // FlashDevice (0xAD) stays empty: the driver fills it at entry.
 
@@ -227,6 +242,11 @@ EFI_STATUS EmuInstallProtocols(EmuPlatform &Platform, EFI_BOOT_SERVICES *BootSer
       {Options.SignatureVerifier, &gImageSignatureVerifyProtocolGuid, &Platform.SignatureKeys.Protocol},
   };
   Platform.Hub.Initialize();
+  if (Options.CompletionPoolBuffer && Platform.CompletionPoolBuffer == nullptr &&
+      BootServices->AllocatePool(EfiBootServicesData, kCompletionPoolBufferSize, &Platform.CompletionPoolBuffer) !=
+          EFI_SUCCESS) {
+    Platform.CompletionPoolBuffer = nullptr;
+  }
   for (const Entry &Item : Entries) {
     if (Item.Wanted) {
       EFI_STATUS Status = Install(BootServices, *Item.Guid, Item.Interface);

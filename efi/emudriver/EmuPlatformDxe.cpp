@@ -114,5 +114,6 @@ extern "C" EFI_STATUS efi_main(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE *SystemT
 
   AnswerPlatformPcds();
   EmuInstallOptions Options;
+  Options.CompletionPoolBuffer = TRUE;  // the pool buffer the completion service frees
   return EmuInstallProtocols(*Platform, gBS, Options);
 }

@@ -69,7 +69,9 @@ typedef EFI_STATUS(EFIAPI *PLATFORM_GET_UPDATE_LAYOUT)(const VOID *Image, UINT64
                                                        UINT64 *Ibb1Offset, UINT64 *Ibb1Size, UINT64 *Ibb2Offset,
                                                        UINT64 *Ibb2Size, UINT64 *Ibb3Offset, UINT64 *Ibb3Size,
                                                        UINT64 *Ibb4Offset, UINT64 *Ibb4Size);
-typedef EFI_STATUS(EFIAPI *PLATFORM_CONFIG_COMPLETION)(VOID);
+// The platform's message channel: a buffer it owns, then the hand-over of what was put in it.
+typedef EFI_STATUS(EFIAPI *PLATFORM_GET_MESSAGE_BUFFER)(VOID **Buffer, UINTN *Size);
+typedef EFI_STATUS(EFIAPI *PLATFORM_SEND_MESSAGE)(VOID *Buffer);
 
 struct PlatformConfigProtocol {
   UINT8 Opaque000[0x44];
@@ -92,8 +94,8 @@ struct PlatformConfigProtocol {
   UINT8 Opaque0F5[0x135 - 0xF5];
   UINT8 Flags;  // 0x135; bit 6 selects each Part's alternative handling
   UINT8 Opaque136[0x211 - 0x136];
-  PLATFORM_CONFIG_COMPLETION CompletionOperation1;  // 0x211
-  PLATFORM_CONFIG_COMPLETION CompletionOperation2;  // 0x219
+  PLATFORM_GET_MESSAGE_BUFFER GetMessageBuffer;  // 0x211
+  PLATFORM_SEND_MESSAGE SendMessage;             // 0x219
   UINT8 Opaque221[0x27E - 0x221];
   PLATFORM_GET_UPDATE_LAYOUT GetUpdateLayout;  // 0x27E
   UINT8 Opaque286[0x10];
@@ -109,8 +111,8 @@ static_assert(offsetof(PlatformConfigProtocol, EcImageSize) == 0xB9);
 static_assert(offsetof(PlatformConfigProtocol, CheckImage) == 0xCD);
 static_assert(offsetof(PlatformConfigProtocol, UpdateStatusBlock) == 0xED);
 static_assert(offsetof(PlatformConfigProtocol, Flags) == 0x135);
-static_assert(offsetof(PlatformConfigProtocol, CompletionOperation1) == 0x211);
-static_assert(offsetof(PlatformConfigProtocol, CompletionOperation2) == 0x219);
+static_assert(offsetof(PlatformConfigProtocol, GetMessageBuffer) == 0x211);
+static_assert(offsetof(PlatformConfigProtocol, SendMessage) == 0x219);
 static_assert(offsetof(PlatformConfigProtocol, GetUpdateLayout) == 0x27E);
 
 constexpr UINT8 kPlatformConfigAlternativeFlag = 0x40;
@@ -131,11 +133,15 @@ struct FlashServiceData {
   UINT8 CmosDataPort;   // 0x175: second argument
   UINT8 Opaque176[0x3A5 - 0x176];
   SecuritySetupBlock *SecuritySetup;  // 0x3A5
-  UINT8 Opaque3AD[0x600 - 0x3AD];
+  UINT8 Opaque3AD[0x3C2 - 0x3AD];
+  VOID **PoolBufferLocation;  // 0x3C2: a location that may hold a pool buffer the platform allocated
+  UINT8 Opaque3CA[0x600 - 0x3CA];
 };
 static_assert(offsetof(FlashServiceData, CmosIndexPort) == 0x174);
 static_assert(offsetof(FlashServiceData, CmosDataPort) == 0x175);
 static_assert(offsetof(FlashServiceData, SecuritySetup) == 0x3A5);
+static_assert(offsetof(FlashServiceData, PoolBufferLocation) == 0x3C2);
+static_assert(sizeof(FlashServiceData) == 0x600);
 
 // ---- Platform flash service (gPlatformFlashServiceProtocolGuid) --------------------------
 #pragma pack(push, 1)
@@ -176,6 +182,7 @@ typedef EFI_STATUS(EFIAPI *PLATFORM_GET_SKIP_REGIONS)(PlatformSkipRange **List, 
 typedef EFI_STATUS(EFIAPI *PLATFORM_GET_FLASH_INFO)(FlashInfo *Info);
 typedef EFI_STATUS(EFIAPI *PLATFORM_SET_DEBUG_CODE_DISPLAY)(VOID *TextOut, BOOLEAN Start);
 typedef EFI_STATUS(EFIAPI *PLATFORM_GENERIC_MEMBER)(UINT64 Argument);
+typedef EFI_STATUS(EFIAPI *PLATFORM_COMPLETION_NOTIFY)(UINT8 *Value);
 
 struct PlatformFlashServiceProtocol {
   UINT8 *SetupRecord;               // 0x00: the platform's setup record (two layouts)
@@ -200,7 +207,7 @@ struct PlatformFlashServiceProtocol {
   PLATFORM_GET_SKIP_REGIONS GetAlwaysSkipRegions;  // 0x384
   PLATFORM_GET_FLASH_INFO GetFlashInfo;            // 0x38C
   UINT8 Opaque394[0x454 - 0x394];
-  PLATFORM_GENERIC_MEMBER Member454;  // 0x454
+  PLATFORM_COMPLETION_NOTIFY CompletionNotify;  // 0x454: the flash completed
   UINT8 Opaque45C[0x50C - 0x45C];
   PLATFORM_SET_DEBUG_CODE_DISPLAY SetDebugCodeDisplay;  // 0x50C
   UINT8 Opaque514[0x51C - 0x514];
@@ -221,7 +228,7 @@ static_assert(offsetof(PlatformFlashServiceProtocol, SetUpdateInProgress) == 0x3
 static_assert(offsetof(PlatformFlashServiceProtocol, GetNormalSkipRegions) == 0x37C);
 static_assert(offsetof(PlatformFlashServiceProtocol, GetAlwaysSkipRegions) == 0x384);
 static_assert(offsetof(PlatformFlashServiceProtocol, GetFlashInfo) == 0x38C);
-static_assert(offsetof(PlatformFlashServiceProtocol, Member454) == 0x454);
+static_assert(offsetof(PlatformFlashServiceProtocol, CompletionNotify) == 0x454);
 static_assert(offsetof(PlatformFlashServiceProtocol, SetDebugCodeDisplay) == 0x50C);
 static_assert(offsetof(PlatformFlashServiceProtocol, Member51C) == 0x51C);
 

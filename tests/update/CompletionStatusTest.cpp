@@ -1,0 +1,212 @@
+// The end of an update by status and boot: the mirrored CMOS bytes, the platform calls, the
+// completion variables, message and marker protocol, and the variable backup's restore and erase.
+#include <algorithm>
+#include <cstring>
+
+#include "../../emu/host/EmuHostMemory.h"
+#include "../../src/driver/Config.h"
+#include "../../src/flash/VariableStore.h"
+#include "../../src/platform/Cmos.h"
+#include "../../src/update/CompletionStatus.h"
+#include "../flash/FlashFixture.h"
+
+namespace {
+
+using namespace EmuFlashLayout;
+
+constexpr EFI_STATUS kPlatformAnswer = EFI_DEVICE_ERROR;  // what NotifyUpdatePhase answers
+constexpr UINT8 kPlatformState = 0x21;                    // the status block's 0xF9 value
+constexpr UINT32 kProgressBefore = 0x34;
+
+struct CompletionCase {
+  const char *Name;
+  UINT8 Status;
+  UINT8 StateBefore;  // CMOS 0xF9
+  UINT32 Mode;
+  bool RecoveryBoot;
+  bool Written;  // mFlashWritten
+  bool Backup;   // a valid variable backup at entry
+  // Expected:
+  UINT8 StateAfter;      // CMOS 0xF9
+  UINT8 Marker;          // CMOS 0xEE
+  bool EndsUpdate;       // SetUpdateInProgress(0), progress record cleared
+  bool Published;        // marker protocol, Q42FlashCompleteAll
+  bool Message;          // Q42UpdateToolComplete and the message
+  bool Hft;              // HFT written back
+  bool DefaultSecurity;  // Q42DefaultSecurityByUefiFlashAll
+  bool Restored;         // backup restored into the live store and erased
+};
+
+constexpr UINT32 N = UpdateModeNormal, R = UpdateModeRecovery, H = UpdateModeHft;
+const CompletionCase kCases[] = {
+    {"0 publishes", 0, 5, N, false, true, false, 5, 0, true, true, true, false, false, false},
+    {"0 with nothing written", 0, 7, N, false, false, false, 0, 0, true, true, false, false, false, false},
+    {"3 clears a kept 5", 3, 5, N, false, true, false, 0, 0, true, false, false, false, false, false},
+    {"5 keeps a 5", 5, 5, N, false, true, false, 5, 0, true, false, false, false, false, false},
+    {"5 clears any other value", 5, 7, N, false, true, false, 0, 0, true, false, false, false, false, false},
+    {"12 keeps the update going", 12, 7, N, false, true, false, 0, 0, false, false, false, false, false, false},
+    {"13 in HFT mode", 13, 5, H, false, true, true, kPlatformState, 0, false, false, false, true, true, true},
+    {"13 in normal mode", 13, 0, N, false, true, false, kPlatformState, 0, false, false, false, false, false, false},
+    {"1 runs all but the publications", 1, 5, N, false, true, false, 5, 0, true, false, false, false, false, false},
+    {"0 with a valid backup", 0, 0, N, false, true, true, 0, 0, true, true, true, false, true, true},
+    {"0 in a recovery boot", 0, 0, R, true, true, true, 0, 0x5A, true, true, true, false, false, true},
+    {"1 in a recovery boot", 1, 0, R, true, true, true, 0, 0, true, false, false, false, false, true},
+};
+
+class CompletionStatus : public FlashFixture {
+protected:
+  void StartWithPoolBuffer() {
+    Install.CompletionPoolBuffer = TRUE;
+    Start();
+    ASSERT_NE(Platform->CompletionPoolBuffer, nullptr);
+    Platform->Config->Flags = kPlatformConfigAlternativeFlag;  // region-tracked
+  }
+
+  // A valid CmosToRom image and live extended CMOS holding the same bytes.
+  void PublishCmos(UINT8 State) {
+    auto *Image = static_cast<UINT8 *>(EmuHostAllocateBelow4G(CmosToRomImage::kSize));
+    std::memset(Image, 0, CmosToRomImage::kSize);
+    const std::pair<UINT8, UINT8> Bytes[] = {{kCmosCompletionStatusIndex, 0x77}, {kCmosUpdateStateIndex, State},
+                                             {kCmosRecoveryMarkerIndex, 0x33}};
+    for (auto [Index, Value] : Bytes) {
+      Image[CmosToRomImage::kBank1 + Index] = Value;
+      Platform->ExtendedCmos[Index] = Value;
+    }
+    const UINT16 Checksum = CmosImageChecksum(Image, 1);
+    std::memcpy(Image + CmosToRomImage::kBank1ChecksumOffset, &Checksum, sizeof(Checksum));
+    const UINT32 Address = static_cast<UINT32>(reinterpret_cast<UINTN>(Image));
+    Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
+  }
+
+  void MakeBackup() { ASSERT_EQ(BackupVariableStore(DefaultImage().data(), DefaultImage().size()), EFI_SUCCESS); }
+
+  const SimVariable *Variable(const std::u16string &Name) const { return Sim.FindVariable(Name, gPlatformVariableGuid); }
+  bool HasMarker() const {
+    const auto Handles = Sim.HandlesWith(gFlashCompleteProtocolGuid);
+    return std::find(Handles.begin(), Handles.end(), Sim.ImageHandle()) != Handles.end();
+  }
+  bool FlashWrittenAt(UINT32 Address, UINT32 Length) const {
+    for (const EmuCall &Call : CallsNamed("WriteFlash")) {
+      if (Call.Arguments[1] == Address && Call.Arguments[3] == Length) {
+        return true;
+      }
+    }
+    return false;
+  }
+};
+
+TEST_F(CompletionStatus, EachStatusAndBootEndsTheUpdateAsItsRowSays) {
+  StartWithPoolBuffer();
+  for (const CompletionCase &Case : kCases) {
+    SCOPED_TRACE(Case.Name);
+    Sim.Variables().clear();
+    PublishCmos(Case.StateBefore);
+    if (Case.Backup && IsBackupStoreValid() != EFI_SUCCESS) {
+      MakeBackup();
+    }
+    if (!Case.Backup && IsBackupStoreValid() == EFI_SUCCESS) {
+      ASSERT_EQ(EraseVariableBackup(), EFI_SUCCESS);
+    }
+    mUpdateMode = Case.Mode;
+    mBootMode = Case.RecoveryBoot ? BOOT_IN_RECOVERY_MODE : BOOT_WITH_FULL_CONFIGURATION;
+    mFlashWritten = Case.Written;
+    mHftValue = 0x6C;
+    Platform->UpdateStatusBlock[kUpdateStatusBlockCmosValue] = kPlatformState;
+    Platform->NotifyUpdatePhaseStatus = kPlatformAnswer;
+    Platform->UpdateLogStore.ProgressCode = kProgressBefore;
+    Platform->SentMessageCount = 0;
+    Platform->ClearCalls();
+    if (HasMarker()) {
+      ASSERT_EQ(Sim.BootServices()->UninstallProtocolInterface(
+                    Sim.ImageHandle(), const_cast<EFI_GUID *>(&gFlashCompleteProtocolGuid), nullptr),
+                EFI_SUCCESS);
+    }
+
+    EXPECT_EQ(mBiosImageInterface->SetFlashCompletionStatus(mBiosImageInterface, Case.Status), kPlatformAnswer);
+
+    EXPECT_EQ(Platform->ExtendedCmos[kCmosCompletionStatusIndex], Case.Status);
+    EXPECT_EQ(Platform->ExtendedCmos[kCmosUpdateStateIndex], Case.StateAfter);
+    EXPECT_EQ(Platform->ExtendedCmos[kCmosRecoveryMarkerIndex], Case.Marker);
+    const auto Notified = CallsNamed("CompletionNotify");
+    ASSERT_EQ(Notified.size(), 1u);
+    EXPECT_EQ(Notified[0].Arguments[0], 0u) << "handed a byte holding 0";
+    const auto Phases = CallsNamed("NotifyUpdatePhase");
+    ASSERT_EQ(Phases.size(), 1u);
+    EXPECT_EQ(Phases[0].Arguments[0], kUpdatePhaseCompleted);
+    EXPECT_EQ(Phases[0].Arguments[1], 0u);
+
+    const auto InProgress = CallsNamed("SetUpdateInProgress");
+    EXPECT_EQ(InProgress.size(), Case.EndsUpdate ? 1u : 0u);
+    if (!InProgress.empty()) {
+      EXPECT_EQ(InProgress[0].Arguments[0], 0u);
+    }
+    EXPECT_EQ(Platform->UpdateLogStore.ProgressCode, Case.EndsUpdate ? EmuUpdateLog::kProgressCleared : kProgressBefore);
+
+    EXPECT_EQ(Variable(u"Q42FlashCompleteAll") != nullptr, Case.Published);
+    if (Case.Published) {
+      EXPECT_EQ(Variable(u"Q42FlashCompleteAll")->Attributes, 7u);
+      EXPECT_EQ(Variable(u"Q42FlashCompleteAll")->Data, std::vector<uint8_t>{0});
+    }
+    EXPECT_EQ(HasMarker(), Case.Published);
+    EXPECT_EQ(Variable(u"Q42UpdateToolComplete") != nullptr, Case.Message);
+    EXPECT_EQ(Platform->SentMessageCount, Case.Message ? 1u : 0u);
+    if (Case.Message) {
+      EXPECT_EQ(Variable(u"Q42UpdateToolComplete")->Attributes, 6u) << "volatile";
+      EXPECT_EQ(Variable(u"Q42UpdateToolComplete")->Data, std::vector<uint8_t>{1});
+      const UINT8 Expected[13] = {'$', 'F', 'I', 'N', 'I', 'S', 'H', 'I', 13, 0, 0, 0, 1};
+      EXPECT_EQ(std::memcmp(Platform->SentMessage, Expected, sizeof(Expected)), 0);
+    }
+    EXPECT_EQ(Variable(u"HFT") != nullptr, Case.Hft);
+    EXPECT_EQ(Variable(u"Q42DefaultSecurityByUefiFlashAll") != nullptr, Case.DefaultSecurity);
+    if (Case.DefaultSecurity) {
+      EXPECT_EQ(Variable(u"Q42DefaultSecurityByUefiFlashAll")->Data, std::vector<uint8_t>{0x6C});
+    }
+    EXPECT_EQ(FlashWrittenAt(kVariableStoreAddress, kVariableStoreSize), Case.Restored) << "restore";
+    EXPECT_EQ(FlashWrittenAt(kVariableBackupAddress, kVariableBackupSize), Case.Restored) << "erase";
+    EXPECT_EQ(IsBackupStoreValid(), Case.Backup && !Case.Restored ? EFI_SUCCESS : EFI_NOT_FOUND);
+  }
+}
+
+TEST_F(CompletionStatus, FreesThePlatformPoolBufferOnceAndTracesTheStatusInHex) {
+  StartWithPoolBuffer();
+  PublishCmos(0);
+  EnableTraces(true);
+  const UINT64 Stalled = Sim.StalledMicroseconds();
+  mBiosImageInterface->SetFlashCompletionStatus(mBiosImageInterface, 13);
+  EXPECT_EQ(Platform->CompletionPoolBuffer, nullptr);
+  EXPECT_GE(Sim.StalledMicroseconds() - Stalled, 5000u);
+  const auto Lines = Traces();
+  EXPECT_NE(std::find(Lines.begin(), Lines.end(), "  BiosImageInterfaceProtocol->SetFlashCompletionStatus Entry [d]"),
+            Lines.end());
+
+  // The platform leaves another buffer; it goes back to the pool once, and a repeated call
+  // finds nothing to free and its marker installation fails unexamined.
+  ASSERT_EQ(Sim.BootServices()->AllocatePool(EfiBootServicesData, 16, &Platform->CompletionPoolBuffer), EFI_SUCCESS);
+  const size_t Live = Sim.LiveAllocations();
+  EXPECT_EQ(mBiosImageInterface->SetFlashCompletionStatus(mBiosImageInterface, 0), EFI_SUCCESS);
+  EXPECT_EQ(Platform->CompletionPoolBuffer, nullptr);
+  EXPECT_EQ(Sim.LiveAllocations(), Live - 1);
+  EXPECT_EQ(mBiosImageInterface->SetFlashCompletionStatus(mBiosImageInterface, 0), EFI_SUCCESS);
+  EXPECT_EQ(Sim.LiveAllocations(), Live - 1);
+  EXPECT_EQ(Sim.HandlesWith(gFlashCompleteProtocolGuid).size(), 1u);
+}
+
+TEST_F(CompletionStatus, EraseVariableBackupRefusesWithoutAVolumeOrPoolAndErasesTheWholeArea) {
+  Start();
+  EXPECT_EQ(EraseVariableBackup(), EFI_NOT_FOUND) << "the default backup area is erased flash";
+  MakeBackup();
+  Platform->ClearCalls();
+  Sim.FailAllocationAfter(1);
+  EXPECT_EQ(EraseVariableBackup(), EFI_OUT_OF_RESOURCES);
+  EXPECT_TRUE(CallsNamed("WriteFlash").empty()) << "nothing written without a buffer";
+  EXPECT_EQ(IsBackupStoreValid(), EFI_SUCCESS);
+
+  EXPECT_EQ(EraseVariableBackup(), EFI_SUCCESS);
+  const UINT8 *Area = Platform->MappedFlash(kVariableBackupAddress, kVariableBackupSize);
+  ASSERT_NE(Area, nullptr);
+  EXPECT_TRUE(std::all_of(Area, Area + kVariableBackupSize, [](UINT8 Byte) { return Byte == 0xFF; }));
+  EXPECT_EQ(IsBackupStoreValid(), EFI_NOT_FOUND);
+  EXPECT_EQ(EraseVariableBackup(), EFI_NOT_FOUND);
+}
+
+}  // namespace
