@@ -5,10 +5,13 @@
 // IBB1 to IBB4 are rewritten, and the five debug codes reach port 0x80 in order.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "../../src/base/Hardware.h"
 #include "../../src/flash/FlashState.h"
+#include "../../src/platform/Cmos.h"
+#include "../../tools/lib/VariableStoreBuilder.h"
 #include "../../tools/lib/ImageBuilder.h"
 #include "../../tools/lib/ImageSigner.h"
 #include "../../tools/lib/NewImageBuilder.h"
@@ -80,5 +83,72 @@ TEST_P(WholeUpdate, ReferenceUpdateLandsRegionByRegion) {
 
 INSTANTIATE_TEST_SUITE_P(BothTables, WholeUpdate, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool> &Info) { return Info.param ? "Second" : "First"; });
+
+// A recovery update ended with status 0, then the next boot over the same chip with the
+// CMOS bank cleared: the restore at start brings the completion's CMOS bytes back from the
+// journal the completion appended to.
+TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes) {
+  std::vector<uint8_t> Image = BuildNewImage({}).Bytes;
+  std::vector<uint8_t> Signature;
+  std::string Error;
+  ASSERT_TRUE(SignImage(Image, TestSigningKeyPath(TestSigningKey::Selector1), Signature, Error)) << Error;
+  std::unique_ptr<EmuPlatform> Platform = MakeInstalledPlatform(DefaultImage());
+  ASSERT_NE(Platform, nullptr);
+  // The mirror image the earlier phase hands over: 0xF9, 0xFA and 0xEE set, checksum valid.
+  std::vector<uint8_t> Mirror(CmosToRomImage::kSize, 0);
+  Mirror[CmosToRomImage::kBank1 + 0xF9] = 0x07;
+  Mirror[CmosToRomImage::kBank1 + 0xFA] = 0x33;
+  Mirror[CmosToRomImage::kBank1 + 0xEE] = 0x11;
+  const UINT16 Checksum = CmosImageChecksum(Mirror.data(), 1);
+  Mirror[CmosToRomImage::kBank1ChecksumOffset] = static_cast<uint8_t>(Checksum);
+  Mirror[CmosToRomImage::kBank1ChecksumOffset + 1] = static_cast<uint8_t>(Checksum >> 8);
+
+  UpdateOptions Options;
+  Options.Boot.BootMode = BOOT_IN_RECOVERY_MODE;
+  Options.Boot.CmosImage = Mirror;
+  Options.CompletionStatus = 0;
+  const UpdateReport Report = RunUpdate(*Platform, Image, Signature, Options);
+  ASSERT_TRUE(Report.Completed());
+  EXPECT_EQ(Report.Completion, EFI_SUCCESS);
+
+  // The live store holds the preserved variables behind its headers; the backup is erased.
+  const ParsedStore Live = ParseVariableStore(
+      std::span<const uint8_t>(Platform->MappedFlash(EmuFlashLayout::kVariableStoreAddress, EmuFlashLayout::kVariableStoreSize),
+                               EmuFlashLayout::kVariableStoreSize),
+      StoreHeaderForm::Vss);
+  std::vector<std::string> Names;
+  for (const ParsedVariable &Variable : Live.Variables) {
+    Names.push_back(VariableNameText(Variable.Record.Name));
+  }
+  EXPECT_EQ(Names, (std::vector<std::string>{"PK", "KEK", "db", "dbx", "CurrentPolicy", "OemHardwareConfig",
+                                             "BluetoothPairingInfo", "BluetoothPairingInfo", "Q42VtHasBeenEnable",
+                                             "VsmLocalKey2"}));
+  const UINT8 *Backup = Platform->MappedFlash(EmuFlashLayout::kVariableBackupAddress, EmuFlashLayout::kVariableBackupSize);
+  EXPECT_TRUE(std::all_of(Backup, Backup + EmuFlashLayout::kVariableBackupSize, [](UINT8 Byte) { return Byte == 0xFF; }));
+  EXPECT_EQ(Platform->UpdateLogStore.ProgressCode, EmuUpdateLog::kProgressCleared);
+  UINT32 Cookie = 0;
+  memcpy(&Cookie, Platform->MappedFlash(kPrimaryPspDirectory, 4), 4);
+  EXPECT_EQ(Cookie, kPspCookie);
+  EXPECT_TRUE(Report.CompletionMarker);
+  EXPECT_EQ(std::string(reinterpret_cast<const char *>(Platform->SentMessage), 8), "$FINISHI");
+  for (const char16_t *Name : {u"Q42UpdateToolComplete", u"Q42FlashCompleteAll"}) {
+    EXPECT_EQ(Report.Variables.count({Name, SimUefi::GuidKey(gPlatformVariableGuid)}), 1u)
+        << VariableNameText(Name);
+  }
+  EXPECT_EQ(Platform->ExtendedCmos[0xF9], 0x00);
+  EXPECT_EQ(Platform->ExtendedCmos[0xFA], 0x00);
+  EXPECT_EQ(Platform->ExtendedCmos[0xEE], 0x5A);
+
+  // The next boot: the bank lost its content, the earlier phase hands over its own image.
+  std::fill(std::begin(Platform->ExtendedCmos), std::end(Platform->ExtendedCmos), 0xFF);
+  BootScenario Next;
+  Next.CmosImage = Mirror;
+  SimulatedBoot Boot(*Platform, Next);
+  ASSERT_EQ(Boot.StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(Platform->ExtendedCmos[0xF9], 0x00);
+  EXPECT_EQ(Platform->ExtendedCmos[0xFA], 0x00);
+  EXPECT_EQ(Platform->ExtendedCmos[0xEE], 0x5A);
+  EXPECT_EQ(Boot.CmosImage()[CmosToRomImage::kBank1 + 0xEE], 0x5A);
+}
 
 }  // namespace

@@ -391,6 +391,10 @@ ImageBuilder BuildDefaultImage(const DefaultImageOptions &Options) {
   Image.PlaceRegion("DigestArea1", kDigestArea1Address, kDigestArea1Size)
       .PlaceRegion("DigestArea2", kDigestArea2Address, kDigestArea2Size)
       .PlaceRegion("DigestArea3", kDigestArea3Address, kDigestArea3Size);
+  // The CmosToRom journal: its first half signed and empty, so mirrored CMOS writes go there.
+  std::vector<uint8_t> Journal(kCmosJournalSize, 0xFF);
+  std::memcpy(Journal.data(), &gCmosJournalSignatureGuid, sizeof(EFI_GUID));
+  Image.Place("CmosJournal", kCmosJournalAddress, Journal);
   Image.PlaceRegion("VersionRecord", kVersionRecordAddress, kVersionRecordSize)
       .PutBytes(kVersionRecordAddress, VersionRecordBytes(Options.VersionFamily));
   Image.PlaceRegion("SignatureExcluded", kSignatureExcludedAddress, kSignatureExcludedSize);

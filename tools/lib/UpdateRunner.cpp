@@ -63,13 +63,19 @@ SimulatedBoot::SimulatedBoot(EmuPlatform &Platform, const BootScenario &Scenario
       Hobs.AddGuidHob(gFlashMapHobGuid, Map, TotalSize);
     }
   }
+  if (!Scenario.CmosImage.empty()) {
+    CmosImageOffset_ = Hobs.AddGuidHob(gCmosToRomImageHobGuid, Scenario.CmosImage.data(), Scenario.CmosImage.size());
+    CmosImageSize_ = Scenario.CmosImage.size();
+  }
   if (Scenario.Resume) {
     const UINT8 Byte = *Scenario.Resume;
     Hobs.AddGuidHob(gUpdateResumeHobGuid, &Byte, 1);
   }
   Sim.InstallConfigurationTable(gEfiHobListGuid, Hobs.Finish());
   Sim.InstallPcdProtocol();
-  EmuInstallProtocols(Platform, Sim.BootServices(), EmuInstallOptions{});
+  EmuInstallOptions Install;
+  Install.CompletionPoolBuffer = Scenario.CompletionPoolBuffer;
+  EmuInstallProtocols(Platform, Sim.BootServices(), Install);
 }
 
 SimulatedBoot::~SimulatedBoot() {
@@ -81,6 +87,11 @@ EFI_STATUS SimulatedBoot::StartDriver() {
   const EFI_STATUS Status = _ModuleEntryPoint(Sim.ImageHandle(), Sim.SystemTable());
   Sim.AdoptLiveAllocations();  // the service tables live for the firmware's life
   return Status;
+}
+
+std::vector<uint8_t> SimulatedBoot::CmosImage() {
+  const uint8_t *Data = Hobs.Data() + CmosImageOffset_;
+  return std::vector<uint8_t>(Data, Data + CmosImageSize_);
 }
 
 BiosImageInterfaceProtocol *SimulatedBoot::Table(bool Second) const {
@@ -96,7 +107,9 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
                        const UpdateOptions &Options) {
   UpdateReport Report;
   Platform.Flash.ResetStats();
-  SimulatedBoot Boot(Platform, Options.Boot);
+  BootScenario Scenario = Options.Boot;
+  Scenario.CompletionPoolBuffer = Options.CompletionStatus.has_value();
+  SimulatedBoot Boot(Platform, Scenario);
   Report.Start = Boot.StartDriver();
   BiosImageInterfaceProtocol *Table = Boot.Table(Options.SecondTable);
   if (Report.Start != EFI_SUCCESS || Table == nullptr) {
@@ -147,6 +160,11 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
     Report.ReadBackEqual = std::equal(Image.begin(), Image.end(), static_cast<const uint8_t *>(ReadBack));
     gBS->FreePool(ReadBack);
   }
+  if (Options.CompletionStatus) {
+    Report.Completion = Timed([&] { return Table->SetFlashCompletionStatus(Table, *Options.CompletionStatus); });
+  }
+  Report.Variables = Boot.Sim.Variables();
+  Report.CompletionMarker = !Boot.Sim.HandlesWith(gFlashCompleteProtocolGuid).empty();
   Report.Chip = Platform.Flash.Stats();
   Report.Time = Platform.Flash.Time();
   return Report;

@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <string>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -24,6 +26,8 @@ struct BootScenario {
   bool PeiSignCheck = true;      // the detached signature is enforced
   bool FullRecovery = false;     // a recovery boot rewrites every region
   std::optional<uint8_t> Resume;  // the resume HOB's byte of an interrupted update
+  std::vector<uint8_t> CmosImage;  // the CmosToRom image the earlier phase hands over, if any
+  bool CompletionPoolBuffer = false;  // the platform holds the pool buffer completion frees
 };
 
 // The reference platform holding Installed as its flash, with the build's signing keys.
@@ -45,11 +49,15 @@ public:
   // The first installation reports 4 KiB blocks, the second the platform's own.
   BiosImageInterfaceProtocol *Table(bool Second) const;
 
+  // The CmosToRom image HOB's data as the driver left it (empty without that HOB).
+  std::vector<uint8_t> CmosImage();
+
   SimUefi Sim;
   SimHobList Hobs;
 
 private:
   EmuPlatform &Platform_;
+  size_t CmosImageOffset_ = 0, CmosImageSize_ = 0;
 };
 
 struct UpdateOptions {
@@ -57,18 +65,24 @@ struct UpdateOptions {
   bool SecondTable = false;
   // Told before each block is written: block number, block count, image offset.
   std::function<void(uint32_t, uint32_t, uint64_t)> Progress;
+  std::optional<uint8_t> CompletionStatus;  // reported with SetFlashCompletionStatus at the end
 };
 
 struct UpdateReport {
   EFI_STATUS Start = EFI_NOT_STARTED, Query = EFI_NOT_STARTED, Verify = EFI_NOT_STARTED;
   EFI_STATUS Write = EFI_NOT_STARTED;  // the first failing block's status, else EFI_SUCCESS
   EFI_STATUS Read = EFI_NOT_STARTED;
+  EFI_STATUS Completion = EFI_NOT_STARTED;
   uint32_t Blocks = 0, BlockSize = 0, BlocksFailed = 0;
   std::vector<SkipRegion> SkipRegions;  // what the query protected
   bool ReadBackEqual = false;
   EmuFlashChip::Counters Chip = {};
   EmuFlashChip::Timing Time = {};
   std::chrono::nanoseconds HostTime{0};  // the driver's time in the services, on this machine
+  // What the boot leaves that the platform does not keep: its variables (non-volatile ones
+  // included) and whether the completion marker protocol was installed.
+  std::map<std::pair<std::u16string, std::string>, SimVariable> Variables;
+  bool CompletionMarker = false;
   bool Completed() const;
 };
 
