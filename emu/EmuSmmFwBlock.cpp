@@ -8,7 +8,7 @@ namespace {
 
 // Write(This, Address, *Size, Source): programs *Size bytes at the flash address.
 EFI_STATUS EFIAPI SmmFwBlockWrite(SmmFwBlockServiceProtocol *This, UINTN Address, UINTN *Size, UINT8 *Source) {
-  P().Record("SmmFwBlockWrite", Address, Size != nullptr ? *Size : 0, Ptr(Source), Ptr(This));
+  P().Record("SmmFwBlockWrite", Address, Ptr(Source), Size != nullptr ? *Size : 0, Ptr(This));
   if (Size == nullptr || Source == nullptr) {
     return EFI_INVALID_PARAMETER;
   }
