@@ -13,6 +13,7 @@
 #include "../src/flash/FlashState.h"
 #include "../src/platform/Cmos.h"
 #include "../src/psp/PspState.h"
+#include "../src/update/CriticalDataAuthVar.h"
 #include "../src/verify/SecuritySettings.h"
 
 void ResetEdkLibrariesForTest();
@@ -34,4 +35,5 @@ void ResetAllDriverState() {
   ResetDynamicPcdForTest();
   ResetCmosStateForTest();
   ResetEdkLibrariesForTest();
+  ResetCriticalDataAuthVarForTest();
 }

@@ -320,4 +320,18 @@ struct StagedUpdateNotifyProtocol {
   PLATFORM_NOTIFY_MEMBER Notify;  // member 0: update files were staged on a system partition
 };
 
+// ---- SMM firmware block service (gSmmFwBlockServiceProtocolGuid): 8-byte slots -----------
+struct SmmFwBlockServiceProtocol;
+typedef EFI_STATUS(EFIAPI *SMM_FW_BLOCK_WRITE)(SmmFwBlockServiceProtocol *This, UINTN Address, UINTN *Size,
+                                               UINT8 *Source);
+typedef EFI_STATUS(EFIAPI *SMM_FW_BLOCK_ERASE_BLOCKS)(SmmFwBlockServiceProtocol *This, UINTN Address, UINTN *Size);
+struct SmmFwBlockServiceProtocol {
+  VOID *Slot0;
+  VOID *Slot1;
+  SMM_FW_BLOCK_WRITE Write;               // member 2
+  SMM_FW_BLOCK_ERASE_BLOCKS EraseBlocks;  // member 3
+};
+static_assert(offsetof(SmmFwBlockServiceProtocol, Write) == 2 * 8);
+static_assert(offsetof(SmmFwBlockServiceProtocol, EraseBlocks) == 3 * 8);
+
 #pragma pack(pop)

@@ -1,0 +1,263 @@
+// The critical-variable digest: which records are gathered, what lands in the critical-data
+// block and through which flash service, when nothing is written, and how the library finds
+// its service at start (boot services, a later installation, SMM).
+#include <openssl/sha.h>
+
+#include <string>
+#include <vector>
+
+#include "../../emu/EmuSmmFwBlock.h"
+#include "../../src/base/Globals.h"
+#include "../../src/driver/Config.h"
+#include "../../src/driver/LibraryList.h"
+#include "../../src/update/CriticalDataAuthVar.h"
+#include "../../src/update/CriticalVariableTable.h"
+#include "../../tools/lib/VariableStoreBuilder.h"
+#include "../flash/FlashFixture.h"
+
+namespace {
+
+using namespace EmuFlashLayout;
+using Bytes = std::vector<uint8_t>;
+
+constexpr UINT32 kBlock = 0xFF0E9000;
+
+Bytes Sha256Of(const Bytes &Data) {
+  Bytes Digest(32);
+  SHA256(Data.data(), Data.size(), Digest.data());
+  return Digest;
+}
+
+bool NamedCritical(const VariableRecord &Record) {
+  return (Record.Name == u"AmdSetupPHX" && std::memcmp(&Record.Vendor, &gAmdCbsSetupVariableGuid, 16) == 0) ||
+         (Record.Name == u"AMD_PBS_SETUP" && std::memcmp(&Record.Vendor, &gAmdPbsSetupVariableGuid, 16) == 0);
+}
+
+class CriticalDigest : public FlashFixture {
+protected:
+  void SetUp() override {
+    Start();
+    EnableTraces(true);
+  }
+
+  // Puts a live store holding Records into the chip; returns the digest the block must get.
+  Bytes LoadStore(const std::vector<VariableRecord> &Records) {
+    VariableStoreBuilder Store(kVariableStoreSize, StoreHeaderForm::Vss);
+    Store.Add(Records);
+    Platform->Flash.Load(kVariableStoreAddress - kMappedBase, Store.Bytes().data(), kVariableStoreSize);
+    Bytes Gathered;
+    for (const VariableRecord &Record : Records) {
+      if (NamedCritical(Record) && (Record.State == 0x3F || Record.State == 0x3E)) {
+        const Bytes One = VariableRecordBytes(Record);
+        Gathered.insert(Gathered.end(), One.begin(), One.end());
+      }
+    }
+    return Gathered.empty() ? Bytes(32, 0) : Sha256Of(Gathered);
+  }
+  Bytes Flash(UINT32 Address, UINT32 Length) const {
+    const UINT8 *At = Platform->MappedFlash(Address, Length);
+    return Bytes(At, At + Length);
+  }
+  void EnterSmm(bool WithService) {
+    Sim.InstallSmmBase2(TRUE);
+    if (WithService) {
+      Sim.InstallSmmProtocol(gSmmFwBlockServiceProtocolGuid, EmuSmmFwBlockService());
+    }
+    ResetCriticalDataAuthVarForTest();
+    ASSERT_EQ(CriticalDataAuthVarLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+    ASSERT_NE(gSmst, nullptr);
+  }
+  // "Name address size" of every platform call, erases and writes alike.
+  std::vector<std::string> CallsMade() const {
+    std::vector<std::string> Calls;
+    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
+      const EmuCall &Call = Platform->Calls[Index];
+      char Text[96];
+      std::snprintf(Text, sizeof(Text), "%s %llx %llx", Call.Name, static_cast<unsigned long long>(Call.Arguments[0]),
+                    static_cast<unsigned long long>(Call.Arguments[std::strstr(Call.Name, "Write") ? 2 : 1]));
+      Calls.emplace_back(Text);
+    }
+    return Calls;
+  }
+  bool Traced(const std::string &Line) const {
+    const auto Lines = Traces();
+    return std::find(Lines.begin(), Lines.end(), Line) != Lines.end();
+  }
+};
+
+TEST_F(CriticalDigest, RewritesOnlyTheDigestOnceThenWritesNothingEvenWithoutAService) {
+  const Bytes Expected = LoadStore(DefaultLiveVariables());
+  const Bytes Before = Flash(kBlock, 0x1000);
+  ASSERT_EQ(Q42CriticalDataAuthVar(), EFI_SUCCESS);
+  Bytes After = Flash(kBlock, 0x1000);
+  EXPECT_EQ(Bytes(After.begin() + 32, After.begin() + 64), Expected);
+  std::copy(Before.begin() + 32, Before.begin() + 64, After.begin() + 32);
+  EXPECT_EQ(After, Before) << "bytes outside 32..63 changed";
+
+  Platform->ClearCalls();
+  mQ42OFCServicePtr = nullptr;
+  EXPECT_EQ(Q42CriticalDataAuthVar(), EFI_SUCCESS);
+  EXPECT_EQ(Platform->CallCount, 0u);
+}
+
+// Which records are gathered: added and in-deleted-transition records under their own vendor.
+TEST_F(CriticalDigest, GathersLiveCriticalRecordsOnly) {
+  auto With = [](auto Change) {
+    std::vector<VariableRecord> Records = DefaultLiveVariables();
+    for (VariableRecord &Record : Records) {
+      if (Record.Name == u"AmdSetupPHX") {
+        Change(Record);
+      }
+    }
+    return Records;
+  };
+  struct Row {
+    const char *Name;
+    std::vector<VariableRecord> Records;
+  } Rows[] = {
+      {"both", DefaultLiveVariables()},
+      {"deleted", With([](VariableRecord &R) { R.State = 0x3C; })},
+      {"in deleted transition", With([](VariableRecord &R) { R.State = 0x3E; })},
+      {"header only", With([](VariableRecord &R) { R.State = 0x7F; })},
+      {"other vendor", With([](VariableRecord &R) { R.Vendor = gPlatformVariableGuid; })},
+      {"longer name", With([](VariableRecord &R) { R.Name = u"AmdSetupPHX2"; })},
+      {"none", {PlainVariable(u"Timeout", gEfiGlobalVariableVendorGuid, {5, 0})}},
+  };
+  for (const Row &R : Rows) {
+    const Bytes Expected = LoadStore(R.Records);
+    EXPECT_EQ(Q42CriticalDataAuthVar(), EFI_SUCCESS) << R.Name;
+    EXPECT_EQ(Flash(kBlock + 32, 32), Expected) << R.Name;
+  }
+}
+
+// Records that do not fit still count; the walk never reads past the store's end.
+TEST_F(CriticalDigest, BufferTooSmallWritesNothingAndTheWalkStopsAtTheStoreEnd) {
+  const Bytes Phx = VariableRecordBytes(PlainVariable(u"AmdSetupPHX", gAmdCbsSetupVariableGuid, Bytes(0x40, 1)));
+  const Bytes Pbs = VariableRecordBytes(PlainVariable(u"AMD_PBS_SETUP", gAmdPbsSetupVariableGuid, Bytes(0x20, 2)));
+  Bytes Store = Phx;
+  Store.insert(Store.end(), Pbs.begin(), Pbs.end());
+  Bytes Buffer(Store.size(), 0xEE);
+  UINT64 Total = 0;
+  UINT8 Digest[32];
+  EXPECT_EQ(Q42CriticalDataCopyCriticalVar(Store.data(), Store.data() + Store.size(), Phx.size(), Buffer.data(),
+                                           &Total, Digest),
+            EFI_BUFFER_TOO_SMALL);
+  EXPECT_EQ(Total, Store.size());
+  EXPECT_EQ(Bytes(Digest, Digest + 32), Bytes(32, 0));
+  EXPECT_EQ(Bytes(Buffer.begin(), Buffer.begin() + Phx.size()), Phx);
+
+  EXPECT_EQ(Q42CriticalDataCopyCriticalVar(Store.data(), Store.data() + Store.size() - 1, Store.size(),
+                                           Buffer.data(), &Total, Digest),
+            EFI_SUCCESS);
+  EXPECT_EQ(Total, Phx.size());
+  EXPECT_EQ(Bytes(Digest, Digest + 32), Sha256Of(Phx));
+
+  LoadStore(DefaultLiveVariables());
+  gConfig.VariableStoreSize = 0x800;  // AmdSetupPHX alone is larger
+  EXPECT_EQ(Q42CriticalDataAuthVar(), EFI_BUFFER_TOO_SMALL);
+  EXPECT_TRUE(Traced("[Q42CriticalDataAuthVar]Q42CriticalDataCopyCriticalVar error"));
+  EXPECT_EQ(Platform->CallCount, 0u);
+}
+
+// Rows in SMM come last: once the SMM base protocol answers TRUE the library stays in SMM.
+TEST_F(CriticalDigest, WritesThroughTheServiceOfItsPhaseOrFails) {
+  struct Row {
+    const char *Name;
+    bool Smm, Service;
+    UINT64 FailingOperation;  // 1 the erase, 2 the write
+    bool Enabled;
+    EFI_STATUS Status;
+    std::vector<std::string> Calls;
+    std::string Trace;
+  };
+  const std::string kErase = "FlashDeviceErase ff0e9000 1000", kWrite = "FlashDeviceWrite ff0e9000 1000";
+  const std::string kSmmErase = "SmmFwBlockEraseBlocks ff0e9000 1000", kSmmWrite = "SmmFwBlockWrite ff0e9000 1000";
+  const Row Rows[] = {
+      {"boot services", false, true, 0, true, EFI_SUCCESS, {kErase, kWrite}, ""},
+      {"no flash device", false, false, 0, true, EFI_PROTOCOL_ERROR, {},
+       "[Q42CriticalDataAuthVar] mQ42OFCServicePtr fault"},
+      {"erase fails", false, true, 1, true, EFI_DEVICE_ERROR, {kErase},
+       "[Q42CriticalDataAuthVar] EraseBlocks fault"},
+      {"write fails", false, true, 2, true, EFI_DEVICE_ERROR, {kErase, kWrite},
+       "[Q42CriticalDataAuthVar] Write fault"},
+      {"switched off", false, true, 0, false, EFI_UNSUPPORTED, {}, ""},
+      {"SMM", true, true, 0, true, EFI_SUCCESS, {kSmmErase, kSmmWrite}, ""},
+      {"no SMM service", true, false, 0, true, EFI_PROTOCOL_ERROR, {},
+       "[Q42CriticalDataAuthVar] mSmmFwbService fault"},
+      {"SMM erase fails", true, true, 1, true, EFI_DEVICE_ERROR, {kSmmErase},
+       "[Q42CriticalDataAuthVar] EraseBlocks fault"},
+  };
+  const Bytes Erased(32, 0xFF);
+  for (const Row &R : Rows) {
+    if (R.Smm && gSmst == nullptr) {
+      EnterSmm(true);
+    }
+    mSmmFwbService = R.Smm && R.Service ? EmuSmmFwBlockService() : nullptr;
+    mQ42OFCServicePtr = !R.Smm && R.Service ? Platform->FlashDevice : nullptr;
+    gConfig.CriticalDataAuthVarEnabled = R.Enabled;
+    Platform->Flash.Load(kBlock + 32 - kMappedBase, Erased.data(), 32);  // a digest that differs
+    Platform->Flash.ClearFaults();
+    Platform->Flash.FailOperation(R.FailingOperation);
+    Platform->ClearCalls();
+    Platform->ClearTraces();
+    EXPECT_EQ(Q42CriticalDataAuthVar(), R.Status) << R.Name;
+    EXPECT_EQ(CallsMade(), R.Calls) << R.Name;
+    EXPECT_EQ(Flash(kBlock + 32, 32) != Erased, R.Status == EFI_SUCCESS) << R.Name;
+    if (!R.Trace.empty()) {
+      EXPECT_TRUE(Traced(R.Trace)) << R.Name;
+    }
+  }
+  Platform->Flash.ClearFaults();
+}
+
+VOID *gSmmNotifyFunction = nullptr;
+std::vector<VOID *> gSmmNotifyCalls;
+EFI_STATUS EFIAPI RecordSmmNotify(const EFI_GUID *Protocol, VOID *Function, VOID **Registration) {
+  EXPECT_EQ(std::memcmp(Protocol, &gSmmFwBlockServiceProtocolGuid, 16), 0);
+  gSmmNotifyCalls.push_back(Function);
+  gSmmNotifyFunction = Function != nullptr ? Function : gSmmNotifyFunction;
+  *Registration = &gSmmNotifyFunction;
+  return EFI_SUCCESS;
+}
+
+// Without the flash device at start only a runtime driver image waits for it; in SMM a missing
+// firmware block service is waited for through an SMM notification, cancelled at unload.
+TEST_F(CriticalDigest, FindsItsServiceAtStartOrWhenInstalledLater) {
+  EXPECT_EQ(mQ42OFCServicePtr, Platform->FlashDevice);
+  UINTN Count = 0;
+  EFI_HANDLE *Handles = nullptr;
+  EFI_GUID *Device = const_cast<EFI_GUID *>(&gPlatformFlashDeviceProtocolGuid);
+  ASSERT_EQ(gBS->LocateHandleBuffer(ByProtocol, Device, nullptr, &Count, &Handles), EFI_SUCCESS);
+  ASSERT_EQ(gBS->UninstallProtocolInterface(Handles[0], Device, Platform->FlashDevice), EFI_SUCCESS);
+  gBS->FreePool(Handles);
+
+  ResetCriticalDataAuthVarForTest();
+  ASSERT_EQ(CriticalDataAuthVarLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_EQ(mQ42OFCServicePtr, nullptr);
+  EXPECT_EQ(mQ42OFCEvent, nullptr) << "a boot-service driver image registers nothing";
+
+  Sim.LoadedImage()->ImageCodeType = EfiRuntimeServicesCode;
+  ASSERT_EQ(CriticalDataAuthVarLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  ASSERT_NE(mQ42OFCEvent, nullptr);
+  EXPECT_EQ(EventTpls[mQ42OFCEvent], TPL_CALLBACK);
+  const size_t OpenEvents = Sim.OpenEvents();
+  EFI_HANDLE Handle = nullptr;
+  ASSERT_EQ(gBS->InstallProtocolInterface(&Handle, Device, EFI_NATIVE_INTERFACE, Platform->FlashDevice), EFI_SUCCESS);
+  EXPECT_EQ(mQ42OFCServicePtr, Platform->FlashDevice);
+  EXPECT_EQ(Sim.OpenEvents(), OpenEvents - 1) << "the callback closes its event";
+  EXPECT_EQ(CriticalDataAuthVarLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+
+  gSmmNotifyFunction = nullptr;
+  gSmmNotifyCalls.clear();
+  Sim.Smst()->SmmRegisterProtocolNotify = RecordSmmNotify;
+  EnterSmm(false);
+  EXPECT_EQ(mSmmFwbService, nullptr);
+  ASSERT_NE(gSmmNotifyFunction, nullptr);
+  Sim.InstallSmmProtocol(gSmmFwBlockServiceProtocolGuid, EmuSmmFwBlockService());
+  reinterpret_cast<EFI_STATUS(EFIAPI *)(const EFI_GUID *, VOID *, EFI_HANDLE)>(gSmmNotifyFunction)(
+      &gSmmFwBlockServiceProtocolGuid, EmuSmmFwBlockService(), nullptr);
+  EXPECT_EQ(mSmmFwbService, EmuSmmFwBlockService());
+  EXPECT_EQ(CriticalDataAuthVarLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_EQ(gSmmNotifyCalls, (std::vector<VOID *>{gSmmNotifyFunction, nullptr}));
+}
+}  // namespace
