@@ -14,7 +14,6 @@
 
 #include "emu/host/EmuHostMemory.h"
 #include "tools/lib/ImageBuilder.h"
-#include "tools/lib/ImageSigner.h"
 #include "tools/lib/NewImageBuilder.h"
 #include "tools/lib/TestSigningKeys.h"
 #include "tools/lib/UpdateRunner.h"
@@ -49,17 +48,13 @@ Floor FloorBetween(const std::vector<uint8_t> &Before, const UINT8 *After) {
   return Result;
 }
 
-bool Sign(std::vector<uint8_t> &Image, std::vector<uint8_t> &Signature) {
-  std::string Error;
-  return SignImage(Image, TestSigningKeyPath(TestSigningKey::Selector1), Signature, Error);
-}
-
 // The installed firmware: the reference image as it was signed for its release.
 const std::vector<uint8_t> &Installed() {
   static const std::vector<uint8_t> Signed = [] {
     std::vector<uint8_t> Image = DefaultImage();
     std::vector<uint8_t> Signature;
-    Sign(Image, Signature);
+    std::string Error;
+    SignWithTestKey(Image, Signature, Error);
     return Image;
   }();
   return Signed;
@@ -72,8 +67,9 @@ void WholeUpdate(benchmark::State &State) {
   Options.ChangedSectorPercent = Percent;
   std::vector<uint8_t> Image = Percent == 0 ? Installed() : BuildNewImage(Options).Bytes;
   std::vector<uint8_t> Signature;
-  if (!Sign(Image, Signature)) {
-    State.SkipWithError("the image could not be signed");
+  std::string Error;
+  if (!SignWithTestKey(Image, Signature, Error)) {
+    State.SkipWithError(Error.c_str());
     return;
   }
   UpdateReport Report;

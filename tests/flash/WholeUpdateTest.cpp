@@ -11,9 +11,9 @@
 #include "../../src/base/Hardware.h"
 #include "../../src/flash/FlashState.h"
 #include "../../src/platform/Cmos.h"
+#include "../../src/psp/PspDirectoryFormat.h"
 #include "../../tools/lib/VariableStoreBuilder.h"
 #include "../../tools/lib/ImageBuilder.h"
-#include "../../tools/lib/ImageSigner.h"
 #include "../../tools/lib/NewImageBuilder.h"
 #include "../../tools/lib/TestSigningKeys.h"
 #include "../../tools/lib/UpdateRunner.h"
@@ -21,17 +21,30 @@
 namespace {
 
 constexpr UINT32 kPrimaryPspDirectory = 0xFFF80000;
-constexpr UINT32 kPspCookie = 0x50535024;  // "$PSP"
+
+// The signed new release and a platform holding the reference image.
+struct UpdateScene {
+  std::vector<uint8_t> Image = BuildNewImage({}).Bytes;
+  std::vector<uint8_t> Signature;
+  std::unique_ptr<EmuPlatform> Platform = MakeInstalledPlatform(DefaultImage());
+  bool Ready() {
+    std::string Error;
+    return Platform != nullptr && SignWithTestKey(Image, Signature, Error);
+  }
+  bool PrimaryDirectorySigned() const {
+    UINT32 Cookie = 0;
+    memcpy(&Cookie, Platform->MappedFlash(kPrimaryPspDirectory, sizeof(Cookie)), sizeof(Cookie));
+    return Cookie == kPspDirectoryCookie;
+  }
+};
 
 class WholeUpdate : public ::testing::TestWithParam<bool> {};
 
 TEST_P(WholeUpdate, ReferenceUpdateLandsRegionByRegion) {
-  std::vector<uint8_t> Image = BuildNewImage({}).Bytes;
-  std::vector<uint8_t> Signature;
-  std::string Error;
-  ASSERT_TRUE(SignImage(Image, TestSigningKeyPath(TestSigningKey::Selector1), Signature, Error)) << Error;
-  std::unique_ptr<EmuPlatform> Platform = MakeInstalledPlatform(DefaultImage());
-  ASSERT_NE(Platform, nullptr);
+  UpdateScene Scene;
+  ASSERT_TRUE(Scene.Ready());
+  const std::vector<uint8_t> &Image = Scene.Image;
+  std::unique_ptr<EmuPlatform> &Platform = Scene.Platform;
 
   // Samples, before each block, the last progress code logged and whether "$PSP" is there.
   std::vector<std::pair<UINT32, bool>> Phases;
@@ -46,13 +59,11 @@ TEST_P(WholeUpdate, ReferenceUpdateLandsRegionByRegion) {
         break;
       }
     }
-    UINT32 Cookie = 0;
-    memcpy(&Cookie, Platform->MappedFlash(kPrimaryPspDirectory, 4), 4);
     if (Phases.empty() || Phases.back().first != Code) {
-      Phases.emplace_back(Code, Cookie == kPspCookie);
+      Phases.emplace_back(Code, Scene.PrimaryDirectorySigned());
     }
   };
-  const UpdateReport Report = RunUpdate(*Platform, Image, Signature, Options);
+  const UpdateReport Report = RunUpdate(*Platform, Image, Scene.Signature, Options);
   ASSERT_TRUE(Report.Completed()) << std::hex << Report.Query << " " << Report.Verify << " " << Report.Write << " "
                                   << Report.Read;
   EXPECT_EQ(Report.BlocksFailed, 0u);
@@ -88,12 +99,10 @@ INSTANTIATE_TEST_SUITE_P(BothTables, WholeUpdate, ::testing::Bool(),
 // CMOS bank cleared: the restore at start brings the completion's CMOS bytes back from the
 // journal the completion appended to.
 TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes) {
-  std::vector<uint8_t> Image = BuildNewImage({}).Bytes;
-  std::vector<uint8_t> Signature;
-  std::string Error;
-  ASSERT_TRUE(SignImage(Image, TestSigningKeyPath(TestSigningKey::Selector1), Signature, Error)) << Error;
-  std::unique_ptr<EmuPlatform> Platform = MakeInstalledPlatform(DefaultImage());
-  ASSERT_NE(Platform, nullptr);
+  UpdateScene Scene;
+  ASSERT_TRUE(Scene.Ready());
+  const std::vector<uint8_t> &Image = Scene.Image;
+  std::unique_ptr<EmuPlatform> &Platform = Scene.Platform;
   // The mirror image the earlier phase hands over: 0xF9, 0xFA and 0xEE set, checksum valid.
   std::vector<uint8_t> Mirror(CmosToRomImage::kSize, 0);
   Mirror[CmosToRomImage::kBank1 + 0xF9] = 0x07;
@@ -107,7 +116,7 @@ TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes
   Options.Boot.BootMode = BOOT_IN_RECOVERY_MODE;
   Options.Boot.CmosImage = Mirror;
   Options.CompletionStatus = 0;
-  const UpdateReport Report = RunUpdate(*Platform, Image, Signature, Options);
+  const UpdateReport Report = RunUpdate(*Platform, Image, Scene.Signature, Options);
   ASSERT_TRUE(Report.Completed());
   EXPECT_EQ(Report.Completion, EFI_SUCCESS);
 
@@ -126,9 +135,7 @@ TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes
   const UINT8 *Backup = Platform->MappedFlash(EmuFlashLayout::kVariableBackupAddress, EmuFlashLayout::kVariableBackupSize);
   EXPECT_TRUE(std::all_of(Backup, Backup + EmuFlashLayout::kVariableBackupSize, [](UINT8 Byte) { return Byte == 0xFF; }));
   EXPECT_EQ(Platform->UpdateLogStore.ProgressCode, EmuUpdateLog::kProgressCleared);
-  UINT32 Cookie = 0;
-  memcpy(&Cookie, Platform->MappedFlash(kPrimaryPspDirectory, 4), 4);
-  EXPECT_EQ(Cookie, kPspCookie);
+  EXPECT_TRUE(Scene.PrimaryDirectorySigned());
   EXPECT_TRUE(Report.CompletionMarker);
   EXPECT_EQ(std::string(reinterpret_cast<const char *>(Platform->SentMessage), 8), "$FINISHI");
   for (const char16_t *Name : {u"Q42UpdateToolComplete", u"Q42FlashCompleteAll"}) {

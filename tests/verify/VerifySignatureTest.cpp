@@ -33,7 +33,7 @@ struct SignedImage {
 SignedImage Sign(std::vector<uint8_t> Image, TestSigningKey Key = TestSigningKey::Selector1) {
   SignedImage Signed{std::move(Image), {}};
   std::string Error;
-  EXPECT_TRUE(SignImage(Signed.Image, TestSigningKeyPath(Key), Signed.Signature, Error)) << Error;
+  EXPECT_TRUE(SignWithTestKey(Signed.Image, Signed.Signature, Error, Key)) << Error;
   return Signed;
 }
 

@@ -17,6 +17,11 @@ std::string TestSigningKeyPath(TestSigningKey Key) {
   return std::string(BIOS_TEST_KEY_DIR) + "/" + Name;
 }
 
+bool SignWithTestKey(std::vector<uint8_t> &Image, std::vector<uint8_t> &Signature, std::string &Error,
+                     TestSigningKey Key) {
+  return SignImage(Image, TestSigningKeyPath(Key), Signature, Error);
+}
+
 bool InstallTestSignatureKeys(EmuPlatform &Platform, std::string &Error) {
   static std::optional<std::array<EmuRsaPublicKey, 2>> Loaded;
   if (!Loaded) {
