@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 
 #include "tools/lib/ImageBuilder.h"
 #include "tools/lib/NewImageBuilder.h"
+#include "tools/lib/ToolSupport.h"
 
 namespace {
 
@@ -67,9 +67,7 @@ int main(int argc, char **argv) {
   }
   const ImageBuilder Image = BuildDefaultImage(Options.Base);
   const std::vector<uint8_t> Bytes = New ? BuildNewImage(Options).Bytes : Image.Bytes();
-  std::ofstream File(Output, std::ios::binary);
-  File.write(reinterpret_cast<const char *>(Bytes.data()), static_cast<std::streamsize>(Bytes.size()));
-  if (!File) {
+  if (!WriteWholeFile(Output, Bytes)) {
     std::fprintf(stderr, "BuildImage: cannot write %s\n", Output);
     return 1;
   }

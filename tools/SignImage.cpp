@@ -3,12 +3,11 @@
 // usage: SignImage --key KEY.pem --image IN.bin [--out OUT.bin] --signature OUT.sig
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "tools/lib/ImageSigner.h"
+#include "tools/lib/ToolSupport.h"
 
 namespace {
 
@@ -19,21 +18,6 @@ constexpr const char *kUsage =
     "  written to OUT.bin (IN.bin itself when --out is not given); the detached signature of the\n"
     "  whole image, its excluded area read as 0xFF, goes to OUT.sig. A structure the image does\n"
     "  not carry is reported and skipped. Exit status 0 on success, 1 on failure, 2 on bad usage.\n";
-
-bool ReadFile(const std::string &Path, std::vector<uint8_t> &Bytes) {
-  std::ifstream File(Path, std::ios::binary);
-  if (!File) {
-    return false;
-  }
-  Bytes.assign(std::istreambuf_iterator<char>(File), std::istreambuf_iterator<char>());
-  return !File.bad();
-}
-
-bool WriteFile(const std::string &Path, const std::vector<uint8_t> &Bytes) {
-  std::ofstream File(Path, std::ios::binary | std::ios::trunc);
-  File.write(reinterpret_cast<const char *>(Bytes.data()), static_cast<std::streamsize>(Bytes.size()));
-  return static_cast<bool>(File);
-}
 
 int Fail(const std::string &Message, int Status = 1) {
   std::fprintf(stderr, "SignImage: %s\n", Message.c_str());
@@ -71,7 +55,7 @@ int main(int argc, char **argv) {
   }
 
   std::vector<uint8_t> Image;
-  if (!ReadFile(Input, Image)) {
+  if (!ReadWholeFile(Input, Image)) {
     return Fail("cannot read the image " + Input);
   }
   std::vector<uint8_t> Detached;
@@ -80,10 +64,10 @@ int main(int argc, char **argv) {
   if (!SignImage(Image, Key, Detached, Error, &Report)) {
     return Fail(Error);
   }
-  if (!WriteFile(Output, Image)) {
+  if (!WriteWholeFile(Output, Image)) {
     return Fail("cannot write the image " + Output);
   }
-  if (!WriteFile(SignaturePath, Detached)) {
+  if (!WriteWholeFile(SignaturePath, Detached)) {
     return Fail("cannot write the signature " + SignaturePath);
   }
   std::fputs(Report.Skipped.c_str(), stdout);
