@@ -34,14 +34,17 @@ bios_efi_image(BiosImageInterfaceDxe driver ${DRIVER_SOURCES} ${FIRMWARE_BINDING
 bios_efi_image(BiosImageInterfaceDxeEmu driver ${DRIVER_SOURCES} ${EMU_SOURCES} ${CRUNTIME} ${DRIVER_MAIN})
 # The emulated platform: protocols, flash chip, CMOS, debug service.
 file(GLOB EMU_DRIVER_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/efi/emudriver/*.cpp)
-bios_efi_image(EmuPlatformDxe driver ${EMU_DRIVER_SOURCES} ${EMU_SOURCES} ${BASE_SOURCES} ${CRUNTIME}
+# What the emulation driver and the update application share: the run's scenario file, the
+# resume state of an interrupted run, whole-file access to the boot volume, console output.
+file(GLOB EFI_COMMON_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/efi/common/*.cpp)
+bios_efi_image(EmuPlatformDxe driver ${EMU_DRIVER_SOURCES} ${EFI_COMMON_SOURCES} ${EMU_SOURCES} ${BASE_SOURCES} ${CRUNTIME}
                ${CMAKE_SOURCE_DIR}/src/verify/Sha256.cpp)
 # Its verifier holds the public halves of the build's test signing keys.
 target_include_directories(EmuPlatformDxe_objects PRIVATE ${BIOS_TEST_KEY_DIR})
 add_dependencies(EmuPlatformDxe_objects bios_test_keys)
 # The update application that drives a run inside OVMF.
 file(GLOB APP_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/efi/app/*.cpp)
-bios_efi_image(BiosUpdateApp app ${APP_SOURCES} ${BASE_SOURCES} ${CRUNTIME})
+bios_efi_image(BiosUpdateApp app ${APP_SOURCES} ${EFI_COMMON_SOURCES} ${BASE_SOURCES} ${CRUNTIME})
 
 add_test(NAME firmware_image_format COMMAND ${CMAKE_SOURCE_DIR}/efi/check-image-format.sh
                                             ${CMAKE_BINARY_DIR}/efi/BiosImageInterfaceDxe.efi)

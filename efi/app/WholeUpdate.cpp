@@ -1,0 +1,179 @@
+#include "WholeUpdate.h"
+
+#include "../../src/base/BaseLib.h"
+#include "../../src/base/Globals.h"
+#include "../../src/base/ScopeGuard.h"
+#include "../common/ConsolePrint.h"
+#include "ProgressBar.h"
+#include "RegionNames.h"
+#include "Stopwatch.h"
+
+namespace {
+
+UINT64 ChipOperations(const EmuPlatform &Platform) {
+  return Platform.Flash.Stats().SectorErases + Platform.Flash.Stats().Programs;
+}
+
+bool InSkipRegion(const BiosImageQueryRecord &Record, UINT64 Offset) {
+  const UINTN Count = Record.SkipRegionCount < kMaxSkipRegions ? Record.SkipRegionCount : kMaxSkipRegions;
+  for (UINTN Index = 0; Index < Count; Index++) {
+    const SkipRegion &Region = Record.SkipRegions[Index];
+    if (Offset >= Region.Start && Offset - Region.Start < static_cast<UINT64>(Region.Pages) * kSkipRegionPageSize) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The chip against the image, outside what the query protected (the EC part of an image is
+// not on the chip).
+void CheckChip(const EmuPlatform &Platform, const UINT8 *Image, UINTN ImageSize, UpdateSummary &Summary) {
+  const UINT32 EcSize = Platform.Layout.EcSize;
+  if (ImageSize != EcSize + static_cast<UINTN>(Platform.Flash.Size())) {
+    return;
+  }
+  const UINT8 *Chip = Platform.Flash.Bytes();
+  for (UINT64 Offset = EcSize; Offset < ImageSize; Offset++) {
+    if (Chip[Offset - EcSize] != Image[Offset] && !InSkipRegion(Summary.Record, Offset)) {
+      if (Summary.ChipDifferences++ == 0) {
+        Summary.ChipFirstDifference = Offset;
+      }
+    }
+  }
+  Summary.ChipChecked = TRUE;
+}
+
+void WriteEveryBlock(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform, const RunScenario &Scenario,
+                     UpdateSummary &Summary) {
+  RegionNames Names;
+  Names.ReadProgressRanges(Platform.UpdateLogStore);
+  ProgressBar Bar;
+  const UINT32 Blocks = Summary.Record.BlockCount;
+  if (Scenario.PowerCutAt != 0) {
+    Platform.Flash.CutPowerAtOperation(Scenario.PowerCutAt);
+  }
+  Summary.Write = EFI_SUCCESS;
+  for (UINT32 Block = 0; Block < Blocks; Block++) {
+    BiosWriteRequest Request = {};
+    Request.BlockNumber = static_cast<UINT16>(Block);
+    Request.BlockNumberEx = static_cast<UINT16>(Block);
+    Request.ImageOffset = static_cast<UINT64>(Block) * Summary.Record.BlockSize;
+    Bar.Show(Block, Blocks, Names.ForBlock(Block, Request.ImageOffset));
+    const UINT64 Before = ChipOperations(Platform);
+    const EFI_STATUS Status = Services->BiosWriteImage(Services, &Summary.Record, &Request);
+    Summary.BlocksAttempted++;
+    if (EfiError(Status)) {
+      Summary.BlocksFailed++;
+      Summary.Write = Summary.Write == EFI_SUCCESS ? Status : Summary.Write;
+    } else if (ChipOperations(Platform) == Before) {
+      Summary.BlocksUnchanged++;
+    } else {
+      Summary.BlocksWritten++;
+    }
+    if (Platform.Flash.PowerLost()) {
+      Summary.Interrupted = TRUE;
+      Bar.Interrupt();
+      return;
+    }
+  }
+  Bar.Finish(Blocks);
+}
+
+}  // namespace
+
+void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform, const RunScenario &Scenario,
+                    UINT8 *Image, UINTN ImageSize, UINT8 *Signature, UINTN SignatureSize, UpdateSummary &Summary) {
+  Stopwatch Clock;
+  Clock.Start();
+  Platform.Flash.ResetStats();
+  const auto Finish = [&] {
+    Summary.Chip = Platform.Flash.Stats();
+    Summary.Time = Platform.Flash.Time();
+    Summary.ElapsedMicroseconds = Clock.ElapsedMicroseconds();
+  };
+
+  Summary.Query = Services->BiosQueryImage(Services, &Summary.Record, 0, 0);
+  ConsolePrint("BiosQueryImage: %lx, %d blocks of %d bytes, %d skip regions\r\n", Summary.Query,
+               Summary.Record.BlockCount, Summary.Record.BlockSize, Summary.Record.SkipRegionCount);
+  if (EfiError(Summary.Query)) {
+    Finish();
+    return;
+  }
+  for (UINTN Index = 0; Index < Summary.Record.SkipRegionCount && Index < kMaxSkipRegions; Index++) {
+    const SkipRegion &Region = Summary.Record.SkipRegions[Index];
+    ConsolePrint("  skip region %x + %x pages (%a)\r\n", Region.Start, Region.Pages, RegionNames::LayoutPart(Region.Start));
+  }
+  Summary.Verify = Services->BiosVerifySignature(Services, Image, ImageSize, Signature, SignatureSize);
+  ConsolePrint("BiosVerifySignature (%ld bytes, %a image): %lx\r\n", static_cast<UINT64>(ImageSize),
+               Scenario.Tampered ? "tampered" : "signed", Summary.Verify);
+  if (EfiError(Summary.Verify)) {
+    Finish();
+    return;
+  }
+  WriteEveryBlock(Services, Platform, Scenario, Summary);
+  if (Summary.Interrupted) {
+    Finish();
+    return;
+  }
+  VOID *ReadBack = nullptr;
+  Summary.Read = Services->BiosReadImage(Services, 0, &ReadBack);
+  if (ReadBack != nullptr) {
+    ScopeGuard Free([ReadBack] { gBS->FreePool(ReadBack); });
+    const auto *Bytes = static_cast<const UINT8 *>(ReadBack);
+    Summary.ReadBackEqual = TRUE;
+    for (UINTN Offset = 0; Offset < ImageSize; Offset++) {
+      if (Bytes[Offset] != Image[Offset]) {
+        Summary.ReadBackEqual = FALSE;
+        Summary.ReadBackFirstDifference = Offset;
+        break;
+      }
+    }
+  }
+  ConsolePrint("BiosReadImage: %lx, %a\r\n", Summary.Read, Summary.ReadBackEqual ? "equal to the image" : "DIFFERENT");
+  // The chip is checked before the completion, which rewrites the variable store with the
+  // variables it preserves.
+  CheckChip(Platform, Image, ImageSize, Summary);
+  Summary.Completion = Services->SetFlashCompletionStatus(Services, 0);
+  ConsolePrint("SetFlashCompletionStatus(0): %lx\r\n", Summary.Completion);
+  Finish();
+}
+
+void PrintSummary(const UpdateSummary &Summary) {
+  const UINT64 Elapsed = Summary.ElapsedMicroseconds / 1000;
+  const UINT64 Physical = Summary.Time.Total() / 1000000;
+  ConsolePrint("---- summary ----\r\n");
+  ConsolePrint("  blocks           %d of %d: %d written, %d left as they were, %d failed\r\n", Summary.BlocksAttempted,
+               Summary.Record.BlockCount, Summary.BlocksWritten, Summary.BlocksUnchanged, Summary.BlocksFailed);
+  ConsolePrint("  chip             %ld sectors erased, %ld bytes programmed in %ld programs, %ld program faults\r\n",
+               Summary.Chip.SectorErases, Summary.Chip.BytesProgrammed, Summary.Chip.Programs,
+               Summary.Chip.ProgramFaults);
+  ConsolePrint("  physical time    %ld.%03ld s (erase %ld ms, program %ld ms, read %ld ms) by the chip's timing model\r\n",
+               Physical / 1000, Physical % 1000, Summary.Time.EraseNanoseconds / 1000000,
+               Summary.Time.ProgramNanoseconds / 1000000, Summary.Time.ReadNanoseconds / 1000000);
+  ConsolePrint("  elapsed time     %ld.%03ld s inside OVMF\r\n", Elapsed / 1000, Elapsed % 1000);
+  if (Summary.Read != EFI_NOT_STARTED) {
+    if (Summary.ReadBackEqual) {
+      ConsolePrint("  read-back        equal to the image\r\n");
+    } else {
+      ConsolePrint("  read-back        differs from byte %lx\r\n", Summary.ReadBackFirstDifference);
+    }
+  }
+  if (Summary.ChipChecked) {
+    if (Summary.ChipDifferences == 0) {
+      ConsolePrint("  chip vs image    equal outside the skip regions\r\n");
+    } else {
+      ConsolePrint("  chip vs image    %ld bytes differ outside the skip regions, first at %lx\r\n",
+                   Summary.ChipDifferences, Summary.ChipFirstDifference);
+    }
+  }
+}
+
+BOOLEAN UpdatePassed(const RunScenario &Scenario, const UpdateSummary &Summary) {
+  if (Scenario.Tampered) {
+    return Summary.Verify == EFI_SECURITY_VIOLATION && Summary.Chip.SectorErases == 0 && Summary.Chip.Programs == 0;
+  }
+  return Summary.Query == EFI_SUCCESS && Summary.Verify == EFI_SUCCESS && Summary.Write == EFI_SUCCESS &&
+         Summary.BlocksFailed == 0 && Summary.Read == EFI_SUCCESS && Summary.ReadBackEqual && Summary.ChipChecked &&
+         Summary.ChipDifferences == 0 && Summary.Chip.ProgramFaults == 0 && Summary.Completion == EFI_SUCCESS &&
+         !Summary.Interrupted;
+}

@@ -1,0 +1,33 @@
+// The whole update as the update application drives it, in the order the host's update
+// runner uses: query, verification, every block in order (with a progress bar), read-back
+// and its comparison, the check of the emulated chip against the image, and the completion
+// status. Each step's status and the chip's figures end up in the summary.
+#pragma once
+#include "../../emu/EmuPlatform.h"
+#include "../../src/driver/BiosImageInterface.h"
+#include "../../src/flash/FlashRecords.h"
+#include "../common/RunScenario.h"
+
+struct UpdateSummary {
+  EFI_STATUS Query = EFI_NOT_STARTED, Verify = EFI_NOT_STARTED, Write = EFI_NOT_STARTED;
+  EFI_STATUS Read = EFI_NOT_STARTED, Completion = EFI_NOT_STARTED;
+  BiosImageQueryRecord Record = {};
+  UINT32 BlocksAttempted = 0, BlocksWritten = 0, BlocksUnchanged = 0, BlocksFailed = 0;
+  BOOLEAN ReadBackEqual = FALSE;
+  UINT64 ReadBackFirstDifference = 0;
+  BOOLEAN ChipChecked = FALSE;
+  UINT64 ChipDifferences = 0, ChipFirstDifference = 0;  // bytes outside the skip regions
+  BOOLEAN Interrupted = FALSE;  // the chip lost power part way
+  EmuFlashChip::Counters Chip = {};
+  EmuFlashChip::Timing Time = {};
+  UINT64 ElapsedMicroseconds = 0;
+};
+
+// Image is left as it was given (the verification puts back what it blanks).
+void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform, const RunScenario &Scenario,
+                    UINT8 *Image, UINTN ImageSize, UINT8 *Signature, UINTN SignatureSize, UpdateSummary &Summary);
+
+void PrintSummary(const UpdateSummary &Summary);
+// The scenario's verdict: a whole update lands and reads back equal; a tampered image is
+// refused with nothing erased or programmed.
+BOOLEAN UpdatePassed(const RunScenario &Scenario, const UpdateSummary &Summary);
