@@ -50,6 +50,16 @@ add_test(NAME firmware_image_format COMMAND ${CMAKE_SOURCE_DIR}/efi/check-image-
                                             ${CMAKE_BINARY_DIR}/efi/BiosImageInterfaceDxe.efi)
 add_test(NAME firmware_link_guard COMMAND ${CMAKE_SOURCE_DIR}/efi/check-link-guard.sh ${CMAKE_CXX_COMPILER}
                                           ${CMAKE_BINARY_DIR}/link-guard)
-add_test(NAME ovmf_end_to_end COMMAND ${CMAKE_SOURCE_DIR}/efi/run-ovmf.sh ${CMAKE_BINARY_DIR}/efi
-                                      ${CMAKE_BINARY_DIR}/ovmf-run --expect)
-set_tests_properties(ovmf_end_to_end PROPERTIES TIMEOUT 300)
+# Whole runs inside OVMF under QEMU, one at a time (each boot keeps a core busy): the whole
+# update, a recovery-mode update, a tampered image refused with nothing written, an update
+# interrupted by a power cut and resumed on the next boot, and staging on a USB tools disk.
+function(ovmf_run name)
+  add_test(NAME ovmf_${name} COMMAND ${CMAKE_SOURCE_DIR}/efi/run-ovmf.sh ${CMAKE_BINARY_DIR}/efi
+                                     ${CMAKE_BINARY_DIR}/ovmf-${name} --expect ${ARGN})
+  set_tests_properties(ovmf_${name} PROPERTIES TIMEOUT 300 RESOURCE_LOCK qemu)
+endfunction()
+ovmf_run(whole_update)
+ovmf_run(recovery --mode recovery)
+ovmf_run(tampered --tampered)
+ovmf_run(interrupted --interrupted)
+ovmf_run(staging --staging)

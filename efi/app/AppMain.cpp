@@ -6,6 +6,7 @@
 #include "../../src/base/Guids.h"
 #include "../../src/base/ScopeGuard.h"
 #include "../common/ConsolePrint.h"
+#include "../common/ResumeState.h"
 #include "../common/RunScenario.h"
 #include "../common/VolumeFiles.h"
 #include "DriverLoading.h"
@@ -43,6 +44,9 @@ BOOLEAN RunScenarioOn(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root) {
   DescribeScenario(Scenario, Resuming);
   if (Resuming) {
     Scenario.PowerCutAt = 0;  // the power holds on the boot that resumes
+  }
+  if (Scenario.Staging) {
+    ConnectAllControllers();  // the tools disk is on USB, which the boot path left alone
   }
   EFI_STATUS Status = LoadDriver(ImageHandle, Root, "\\EFI\\BOOT\\EmuPlatformDxe.efi");
   ConsolePrint("EmuPlatformDxe: %lx\r\n", Status);
@@ -88,7 +92,16 @@ BOOLEAN RunScenarioOn(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root) {
     ConsolePrint("BiosUpdateApp: the power cut at operation %ld never came\r\n", Scenario.PowerCutAt);
     return FALSE;
   }
-  return Tables && UpdatePassed(Scenario, Summary);
+  BOOLEAN Resumed = TRUE;
+  if (Resuming && Scenario.RegionTracked) {
+    // The emulation driver started only from a state of the right size.
+    const UINT32 Kept = State.Size() == sizeof(ResumeStateFile) ? State.As<ResumeStateFile>()->ProgressCode : 0;
+    Resumed = ResumedAtKeptRegion(Summary, Kept);
+    ConsolePrint("  resumed at       progress code %x after the kept %x: %a\r\n",
+                 Summary.ProgressCodeCount != 0 ? Summary.ProgressCodes[0] : 0, Kept,
+                 Resumed ? "the kept region" : "NOT the kept region");
+  }
+  return Tables && Resumed && UpdatePassed(Scenario, Summary);
 }
 
 }  // namespace

@@ -2,8 +2,21 @@
 
 #include "../../src/base/Globals.h"
 #include "../../src/base/Guids.h"
+#include "../../src/base/ScopeGuard.h"
 #include "../common/ConsolePrint.h"
 #include "../common/VolumeFiles.h"
+
+void ConnectAllControllers() {
+  UINTN Count = 0;
+  EFI_HANDLE *Handles = nullptr;
+  if (EfiError(gBS->LocateHandleBuffer(AllHandles, nullptr, nullptr, &Count, &Handles)) || Handles == nullptr) {
+    return;
+  }
+  ScopeGuard Free([Handles] { gBS->FreePool(Handles); });
+  for (UINTN Index = 0; Index < Count; Index++) {
+    gBS->ConnectController(Handles[Index], nullptr, nullptr, TRUE);
+  }
+}
 
 EFI_STATUS LoadDriver(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root, const char *Path) {
   PoolBuffer Image;

@@ -4,6 +4,9 @@
 #include "../../emu/EmuPlatform.h"
 #include "../../src/driver/BiosImageInterface.h"
 
+// Connects every controller to its drivers, so that disks the boot path did not need (a USB
+// stick) have their file systems.
+void ConnectAllControllers();
 EFI_STATUS LoadDriver(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root, const char *Path);
 BiosImageInterfaceProtocol *LocateServices(const EFI_GUID &Guid);
 EmuPlatform *LocateEmuPlatform();

@@ -3,6 +3,7 @@
 #include "../../src/base/BaseLib.h"
 #include "../../src/base/Globals.h"
 #include "../../src/base/ScopeGuard.h"
+#include "../../src/verify/UpdateRegionTable.h"
 #include "../common/ConsolePrint.h"
 #include "ProgressBar.h"
 #include "RegionNames.h"
@@ -87,6 +88,12 @@ void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform,
   Clock.Start();
   Platform.Flash.ResetStats();
   const auto Finish = [&] {
+    const EmuUpdateLog &Log = Platform.UpdateLogStore;
+    for (UINTN Index = 0; Index < Log.Count && Summary.ProgressCodeCount < UpdateSummary::kMaxProgressCodes; Index++) {
+      if (Log.Records[Index].Type == EmuUpdateLog::kTypeProgressCode) {
+        Summary.ProgressCodes[Summary.ProgressCodeCount++] = ReadUnaligned32(Log.Records[Index].Data);
+      }
+    }
     Summary.Chip = Platform.Flash.Stats();
     Summary.Time = Platform.Flash.Time();
     Summary.ElapsedMicroseconds = Clock.ElapsedMicroseconds();
@@ -151,6 +158,13 @@ void PrintSummary(const UpdateSummary &Summary) {
                Physical / 1000, Physical % 1000, Summary.Time.EraseNanoseconds / 1000000,
                Summary.Time.ProgramNanoseconds / 1000000, Summary.Time.ReadNanoseconds / 1000000);
   ConsolePrint("  elapsed time     %ld.%03ld s inside OVMF\r\n", Elapsed / 1000, Elapsed % 1000);
+  if (Summary.ProgressCodeCount != 0) {
+    ConsolePrint("  progress codes  ");
+    for (UINTN Index = 0; Index < Summary.ProgressCodeCount; Index++) {
+      ConsolePrint(" %x", Summary.ProgressCodes[Index]);
+    }
+    ConsolePrint(" (update log)\r\n");
+  }
   if (Summary.Read != EFI_NOT_STARTED) {
     if (Summary.ReadBackEqual) {
       ConsolePrint("  read-back        equal to the image\r\n");
@@ -166,6 +180,12 @@ void PrintSummary(const UpdateSummary &Summary) {
                    Summary.ChipDifferences, Summary.ChipFirstDifference);
     }
   }
+}
+
+BOOLEAN ResumedAtKeptRegion(const UpdateSummary &Summary, UINT32 KeptProgressCode) {
+  const UINT32 Kept = KeptProgressCode & 0x0F;
+  const UINT32 Expected = Kept < kLastResumeRegion ? Kept : kLastResumeRegion;
+  return Summary.ProgressCodeCount != 0 && (Summary.ProgressCodes[0] & 0x0F) == Expected;
 }
 
 BOOLEAN UpdatePassed(const RunScenario &Scenario, const UpdateSummary &Summary) {

@@ -18,6 +18,9 @@ struct UpdateSummary {
   BOOLEAN ChipChecked = FALSE;
   UINT64 ChipDifferences = 0, ChipFirstDifference = 0;  // bytes outside the skip regions
   BOOLEAN Interrupted = FALSE;  // the chip lost power part way
+  static constexpr UINTN kMaxProgressCodes = 16;
+  UINT32 ProgressCodes[kMaxProgressCodes] = {};  // as the driver logged them during this boot
+  UINTN ProgressCodeCount = 0;
   EmuFlashChip::Counters Chip = {};
   EmuFlashChip::Timing Time = {};
   UINT64 ElapsedMicroseconds = 0;
@@ -28,6 +31,9 @@ void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform,
                     UINT8 *Image, UINTN ImageSize, UINT8 *Signature, UINTN SignatureSize, UpdateSummary &Summary);
 
 void PrintSummary(const UpdateSummary &Summary);
+// A region-tracked update resumed after a power cut starts over at the region the kept
+// progress code names (at most OBB): TRUE when the first code this boot logged says so.
+BOOLEAN ResumedAtKeptRegion(const UpdateSummary &Summary, UINT32 KeptProgressCode);
 // The scenario's verdict: a whole update lands and reads back equal; a tampered image is
 // refused with nothing erased or programmed.
 BOOLEAN UpdatePassed(const RunScenario &Scenario, const UpdateSummary &Summary);

@@ -6,6 +6,7 @@
 #include "../../src/base/PiHob.h"
 #include "../../src/base/Pool.h"
 #include "../../src/driver/FlashMapFormat.h"
+#include "../common/ConsolePrint.h"
 
 namespace {
 
@@ -70,6 +71,8 @@ EFI_STATUS PublishScenarioHobs(const RunScenario &Scenario, EmuPlatform &Platfor
   UINT8 ResumeByte = 0;
   if (Platform.UpdateLogStore.ResumeHobByte(ResumeByte)) {
     Added[Count++] = {&gUpdateResumeHobGuid, &ResumeByte, 1};
+    ConsolePrint("EmuPlatformDxe: resume HOB %x (progress code %x kept by the update log)\r\n", ResumeByte,
+                 Platform.UpdateLogStore.ProgressCode);
   }
 
   const EFI_HOB_HANDOFF_INFO_TABLE *List = FirmwareHobList();
