@@ -13,7 +13,7 @@ usage: run-ovmf.sh EFI_DIR WORK_DIR [--expect] [options]   (the host tools are i
   --layout tracked|untracked  region-tracked update or not (default tracked)
   --tampered                  flash an image with one signed byte changed: refused, nothing written
   --interrupted               cut the chip's power part way; the next boot resumes and completes
-  --power-cut N               the flash operation the power fails at (default 101; implies --interrupted)
+  --power-cut N               the flash operation the power fails at (default 2; implies --interrupted)
   --staging                   CMOS 0xF8 = 0xFF: the files are staged on a USB "ZQ_TOOLS" disk, then reset
   --traces                    echo the driver's traces to the console
 TEXT
@@ -25,7 +25,7 @@ if [[ ${1:-} == --help || $# -lt 2 ]]; then
 fi
 efi=$1 work=$2
 shift 2
-expect= mode=normal layout=tracked tampered= interrupted= staging= traces=0 powercut=101
+expect= mode=normal layout=tracked tampered= interrupted= staging= traces=0 powercut=2
 while [[ $# -gt 0 ]]; do
   case $1 in
   --expect) expect=1 ;;

@@ -62,15 +62,18 @@ BOOLEAN RunScenarioOn(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root) {
   }
   const BOOLEAN Tables = ReportServiceTable("BiosImageInterfaceProtocol", Services) &&
                          ReportServiceTable("BiosImageInterfaceProtocol2", LocateServices(gBiosImageInterfaceProtocol2Guid));
-  PoolBuffer Image, Signature;
+  PoolBuffer Image, Signature, Installed;
   if (EfiError(ReadWholeFile(Root, Scenario.Tampered ? "\\bad.bin" : "\\new.bin", Image)) ||
-      EfiError(ReadWholeFile(Root, "\\new.sig", Signature))) {
-    ConsolePrint("BiosUpdateApp: no image or signature on the volume\r\n");
+      EfiError(ReadWholeFile(Root, "\\new.sig", Signature)) ||
+      EfiError(ReadWholeFile(Root, RUN_INSTALLED_IMAGE_PATH, Installed))) {
+    ConsolePrint("BiosUpdateApp: the images or the signature are missing on the volume\r\n");
     return FALSE;
   }
   UpdateSummary Summary;
-  RunWholeUpdate(Services, *Platform, Scenario, Image.Data(), Image.Size(), Signature.Data(), Signature.Size(),
-                 Summary);
+  const UpdateImages Images = {Image.Data(),     Image.Size(),
+                               Signature.Data(), Signature.Size(),
+                               Scenario.Recovery ? nullptr : Installed.Data(), Installed.Size()};
+  RunWholeUpdate(Services, *Platform, Scenario, Images, Summary);
   if (Scenario.Staging) {
     // A staged update resets the machine from inside the verification; coming back is a failure.
     ConsolePrint("BiosUpdateApp: staging returned %lx instead of resetting\r\n", Summary.Verify);

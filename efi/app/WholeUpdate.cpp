@@ -26,22 +26,27 @@ bool InSkipRegion(const BiosImageQueryRecord &Record, UINT64 Offset) {
   return false;
 }
 
-// The chip against the image, outside what the query protected (the EC part of an image is
-// not on the chip).
-void CheckChip(const EmuPlatform &Platform, const UINT8 *Image, UINTN ImageSize, UpdateSummary &Summary) {
+// The chip against the image outside what the query protected, and against the installed
+// image inside it when that is given (the EC part of an image is not on the chip).
+void CheckChip(const EmuPlatform &Platform, const UpdateImages &Images, UpdateSummary &Summary) {
   const UINT32 EcSize = Platform.Layout.EcSize;
-  if (ImageSize != EcSize + static_cast<UINTN>(Platform.Flash.Size())) {
+  const UINTN Size = EcSize + static_cast<UINTN>(Platform.Flash.Size());
+  if (Images.ImageSize != Size || (Images.Installed != nullptr && Images.InstalledSize != Size)) {
     return;
   }
   const UINT8 *Chip = Platform.Flash.Bytes();
-  for (UINT64 Offset = EcSize; Offset < ImageSize; Offset++) {
-    if (Chip[Offset - EcSize] != Image[Offset] && !InSkipRegion(Summary.Record, Offset)) {
-      if (Summary.ChipDifferences++ == 0) {
-        Summary.ChipFirstDifference = Offset;
-      }
+  for (UINT64 Offset = EcSize; Offset < Size; Offset++) {
+    const bool Protected = InSkipRegion(Summary.Record, Offset);
+    if (Protected && Images.Installed == nullptr) {
+      continue;
+    }
+    const UINT8 Expected = Protected ? Images.Installed[Offset] : Images.Image[Offset];
+    if (Chip[Offset - EcSize] != Expected && Summary.ChipDifferences++ == 0) {
+      Summary.ChipFirstDifference = Offset;
     }
   }
   Summary.ChipChecked = TRUE;
+  Summary.SkipRegionsChecked = Images.Installed != nullptr;
 }
 
 void WriteEveryBlock(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform, const RunScenario &Scenario,
@@ -83,7 +88,9 @@ void WriteEveryBlock(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform
 }  // namespace
 
 void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform, const RunScenario &Scenario,
-                    UINT8 *Image, UINTN ImageSize, UINT8 *Signature, UINTN SignatureSize, UpdateSummary &Summary) {
+                    const UpdateImages &Images, UpdateSummary &Summary) {
+  UINT8 *Image = Images.Image;
+  const UINTN ImageSize = Images.ImageSize;
   Stopwatch Clock;
   Clock.Start();
   Platform.Flash.ResetStats();
@@ -110,7 +117,7 @@ void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform,
     const SkipRegion &Region = Summary.Record.SkipRegions[Index];
     ConsolePrint("  skip region %x + %x pages (%a)\r\n", Region.Start, Region.Pages, RegionNames::LayoutPart(Region.Start));
   }
-  Summary.Verify = Services->BiosVerifySignature(Services, Image, ImageSize, Signature, SignatureSize);
+  Summary.Verify = Services->BiosVerifySignature(Services, Image, ImageSize, Images.Signature, Images.SignatureSize);
   ConsolePrint("BiosVerifySignature (%ld bytes, %a image): %lx\r\n", static_cast<UINT64>(ImageSize),
                Scenario.Tampered ? "tampered" : "signed", Summary.Verify);
   if (EfiError(Summary.Verify)) {
@@ -139,7 +146,7 @@ void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform,
   ConsolePrint("BiosReadImage: %lx, %a\r\n", Summary.Read, Summary.ReadBackEqual ? "equal to the image" : "DIFFERENT");
   // The chip is checked before the completion, which rewrites the variable store with the
   // variables it preserves.
-  CheckChip(Platform, Image, ImageSize, Summary);
+  CheckChip(Platform, Images, Summary);
   Summary.Completion = Services->SetFlashCompletionStatus(Services, 0);
   ConsolePrint("SetFlashCompletionStatus(0): %lx\r\n", Summary.Completion);
   Finish();
@@ -174,9 +181,11 @@ void PrintSummary(const UpdateSummary &Summary) {
   }
   if (Summary.ChipChecked) {
     if (Summary.ChipDifferences == 0) {
-      ConsolePrint("  chip vs image    equal outside the skip regions\r\n");
+      ConsolePrint(Summary.SkipRegionsChecked
+                       ? "  chip vs image    the new image outside the skip regions, the installed one inside\r\n"
+                       : "  chip vs image    the new image outside the skip regions\r\n");
     } else {
-      ConsolePrint("  chip vs image    %ld bytes differ outside the skip regions, first at %lx\r\n",
+      ConsolePrint("  chip vs image    %ld bytes differ, first at %lx\r\n",
                    Summary.ChipDifferences, Summary.ChipFirstDifference);
     }
   }

@@ -15,7 +15,7 @@ struct UpdateSummary {
   UINT32 BlocksAttempted = 0, BlocksWritten = 0, BlocksUnchanged = 0, BlocksFailed = 0;
   BOOLEAN ReadBackEqual = FALSE;
   UINT64 ReadBackFirstDifference = 0;
-  BOOLEAN ChipChecked = FALSE;
+  BOOLEAN ChipChecked = FALSE, SkipRegionsChecked = FALSE;
   UINT64 ChipDifferences = 0, ChipFirstDifference = 0;  // bytes outside the skip regions
   BOOLEAN Interrupted = FALSE;  // the chip lost power part way
   static constexpr UINTN kMaxProgressCodes = 16;
@@ -26,9 +26,19 @@ struct UpdateSummary {
   UINT64 ElapsedMicroseconds = 0;
 };
 
-// Image is left as it was given (the verification puts back what it blanks).
+struct UpdateImages {
+  UINT8 *Image;  // left as it was given (the verification puts back what it blanks)
+  UINTN ImageSize;
+  UINT8 *Signature;
+  UINTN SignatureSize;
+  // What the chip started with, which the protected regions keep; nullptr where the driver
+  // itself rewrites one of them (a recovery update backs the variables up into one).
+  const UINT8 *Installed;
+  UINTN InstalledSize;
+};
+
 void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform, const RunScenario &Scenario,
-                    UINT8 *Image, UINTN ImageSize, UINT8 *Signature, UINTN SignatureSize, UpdateSummary &Summary);
+                    const UpdateImages &Images, UpdateSummary &Summary);
 
 void PrintSummary(const UpdateSummary &Summary);
 // A region-tracked update resumed after a power cut starts over at the region the kept
