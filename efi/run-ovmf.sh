@@ -15,7 +15,6 @@ usage: run-ovmf.sh EFI_DIR WORK_DIR [--expect] [options]   (the host tools are i
   --interrupted               cut the chip's power part way; the next boot resumes and completes
   --power-cut N               the flash operation the power fails at (default 2; implies --interrupted)
   --staging                   CMOS 0xF8 = 0xFF: the files are staged on a USB "ZQ_TOOLS" disk, then reset
-  --traces                    echo the driver's traces to the console
 TEXT
 }
 set -euo pipefail
@@ -25,7 +24,7 @@ if [[ ${1:-} == --help || $# -lt 2 ]]; then
 fi
 efi=$1 work=$2
 shift 2
-expect= mode=normal layout=tracked tampered= interrupted= staging= traces=0 powercut=2
+expect= mode=normal layout=tracked tampered= interrupted= staging= powercut=2
 while [[ $# -gt 0 ]]; do
   case $1 in
   --expect) expect=1 ;;
@@ -35,7 +34,6 @@ while [[ $# -gt 0 ]]; do
   --interrupted) interrupted=1 ;;
   --power-cut) interrupted=1 powercut=${2:?}; shift ;;
   --staging) staging=1 ;;
-  --traces) traces=1 ;;
   --help) usage; exit 0 ;;
   *) echo "run-ovmf: unknown option $1" >&2; usage >&2; exit 2 ;;
   esac
@@ -61,7 +59,6 @@ printf "\\x$(printf %02x $((byte ^ 1)))" | dd of="$work/bad.bin" bs=1 seek="$tam
   echo "mode $mode"
   echo "layout $layout"
   echo "image $([[ -n $tampered ]] && echo tampered || echo new)"
-  echo "traces $traces"
   [[ -z $interrupted ]] || echo "power-cut $powercut"
   [[ -z $staging ]] || printf 'staging 1\next-cmos f8 ff\n'
 } >"$work/scenario.txt"

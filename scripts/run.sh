@@ -15,7 +15,6 @@ usage: scripts/run.sh [options]      a whole update inside OVMF (default: normal
   --power-cut N               the flash operation (erase or program) the power fails at (implies --interrupted)
   --staging                   CMOS 0xF8 = 0xFF: verify stages the files on a USB "ZQ_TOOLS" disk and resets;
                               the files are read back from the disk and compared
-  --traces                    echo the driver's traces to the console
 The last line is "BIOS-IMAGE-INTERFACE-RESULT: PASS" or "FAIL"; the exit status is 0 for PASS.
 TEXT
   exit 0

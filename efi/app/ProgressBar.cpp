@@ -14,7 +14,8 @@ void ProgressBar::Draw(UINT32 Done, UINT32 Blocks, const char *Region) {
     Bar[Index] = Index < Filled ? '#' : '.';
   }
   Bar[kBarWidth] = 0;
-  ConsolePrint("\r  [%a] %3d%%  block %4d/%d  %-16a", Bar, Percent_, Done, Blocks, Region);
+  const UINT32 Percent = Blocks != 0 ? static_cast<UINT32>(static_cast<UINT64>(Done) * 100 / Blocks) : 0;
+  ConsolePrint("\r  [%a] %3d%%  block %4d/%d  %-16a", Bar, Percent, Done, Blocks, Region);
 }
 
 void ProgressBar::Show(UINT32 Block, UINT32 Blocks, const char *Region) {
@@ -25,7 +26,8 @@ void ProgressBar::Show(UINT32 Block, UINT32 Blocks, const char *Region) {
     return;
   }
   if (NewRegion && Region_ != nullptr) {
-    ConsolePrint("\r\n");  // the finished region keeps its line
+    Draw(Block, Blocks, Region_);  // the finished region keeps its line, at its last block
+    ConsolePrint("\r\n");
   }
   Percent_ = Percent;
   Region_ = Region;
@@ -33,7 +35,6 @@ void ProgressBar::Show(UINT32 Block, UINT32 Blocks, const char *Region) {
 }
 
 void ProgressBar::Finish(UINT32 Blocks) {
-  Percent_ = 100;
   Draw(Blocks, Blocks, Region_ != nullptr ? Region_ : "");
   ConsolePrint("\r\n");
 }

@@ -82,8 +82,6 @@ bool ParseLine(Cursor Line, RunScenario &Scenario) {
     Understood = Flag(Value, "tampered", "new", Scenario.Tampered);
   } else if (Key.Is("staging")) {
     Understood = Flag(Value, "1", "0", Scenario.Staging);
-  } else if (Key.Is("traces")) {
-    Understood = Flag(Value, "1", "0", Scenario.Traces);
   } else if (Key.Is("power-cut")) {
     Understood = Number(Value, 10, 0xFFFFFFFFull, Scenario.PowerCutAt);
   } else if (Key.Is("ext-cmos")) {

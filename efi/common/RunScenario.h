@@ -7,7 +7,6 @@
 //   power-cut N                 the chip loses power at its Nth erase or program of the update
 //   ext-cmos IDX VAL            extended CMOS byte at start (hex), at most kMaxCmosBytes lines
 //   staging 1                   verification is expected to stage the files and reset
-//   traces 0|1                  echo the driver's traces to the console
 #pragma once
 #include "../../src/base/Uefi.h"
 
@@ -21,7 +20,6 @@ struct RunScenario {
   BOOLEAN RegionTracked = TRUE;
   BOOLEAN Tampered = FALSE;
   BOOLEAN Staging = FALSE;
-  BOOLEAN Traces = FALSE;
   UINT64 PowerCutAt = 0;  // 0: the power holds
   CmosByte ExtendedCmos[kMaxCmosBytes] = {};
   UINTN ExtendedCmosCount = 0;

@@ -58,6 +58,7 @@ extern "C" EFI_STATUS efi_main(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE *SystemT
                      kEmuTestKeyExponent1);
   EmuRsaSetPublicKey(Platform->SignatureKeys.Keys[0], kEmuTestKeyModulus0, sizeof(kEmuTestKeyModulus0),
                      kEmuTestKeyExponent0);
+  Platform->EchoTracesToConsole = TRUE;  // a driver built with its debug switch on shows its traces
   gEmuPlatform = Platform;
 
   RunScenario Scenario;

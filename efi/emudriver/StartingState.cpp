@@ -81,7 +81,6 @@ EFI_STATUS LoadStartingState(EmuPlatform &Platform, RunScenario &Scenario) {
   } else {
     Platform.Config->Flags &= static_cast<UINT8>(~kPlatformConfigAlternativeFlag);
   }
-  Platform.EchoTracesToConsole = Scenario.Traces;
   Platform.Flash.ResetStats();
   ConsolePrint(Resuming ? "EmuPlatformDxe: chip holds the interrupted run's flash (%d bytes), resume state loaded\r\n"
                : "EmuPlatformDxe: chip holds the installed image (%d bytes)\r\n",
