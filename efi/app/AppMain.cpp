@@ -32,6 +32,31 @@ void DescribeScenario(const RunScenario &Scenario, BOOLEAN Resuming) {
                Resuming ? ", resuming an interrupted update" : Scenario.PowerCutAt != 0 ? ", power cut armed" : "");
 }
 
+// The power failed part way: what the next boot needs goes to the volume, and the machine
+// resets (QEMU ends; the runner boots it again). Returns only when the state was not saved.
+void SaveAndReset(EFI_FILE_HANDLE Root, const EmuPlatform &Platform, const RunScenario &Scenario,
+                  const UpdateSummary &Summary) {
+  const EFI_STATUS Status = SaveInterruptedState(Root, Platform);
+  ConsolePrint("BiosUpdateApp: power cut at flash operation %ld, block %d; state saved for the next boot: %lx\r\n",
+               Scenario.PowerCutAt, Summary.BlocksAttempted - 1, Status);
+  if (!EfiError(Status)) {
+    ConsolePrint("BiosUpdateApp: resetting\r\n");
+    Root->Flush(Root);
+    gRT->ResetSystem(EfiResetCold, EFI_SUCCESS, 0, nullptr);
+  }
+}
+
+// A resumed region-tracked update starts at the region of the progress code the state kept.
+BOOLEAN CheckResumedRegion(const PoolBuffer &State, const UpdateSummary &Summary) {
+  // The emulation driver started only from a state of the right size.
+  const UINT32 Kept = State.Size() == sizeof(ResumeStateFile) ? State.As<ResumeStateFile>()->ProgressCode : 0;
+  const BOOLEAN Resumed = ResumedAtKeptRegion(Summary, Kept);
+  ConsolePrint("  resumed at       progress code %x after the kept %x: %a\r\n",
+               Summary.ProgressCodeCount != 0 ? Summary.ProgressCodes[0] : 0, Kept,
+               Resumed ? "the kept region" : "NOT the kept region");
+  return Resumed;
+}
+
 // Loads both drivers, then runs the scenario; TRUE for a pass.
 BOOLEAN RunScenarioOn(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root) {
   RunScenario Scenario;
@@ -81,29 +106,14 @@ BOOLEAN RunScenarioOn(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root) {
   }
   PrintSummary(Summary);
   if (Summary.Interrupted) {
-    Status = SaveInterruptedState(Root, *Platform);
-    ConsolePrint("BiosUpdateApp: power cut at flash operation %ld, block %d; state saved for the next boot: %lx\r\n",
-                 Scenario.PowerCutAt, Summary.BlocksAttempted - 1, Status);
-    if (!EfiError(Status)) {
-      ConsolePrint("BiosUpdateApp: resetting\r\n");
-      Root->Flush(Root);
-      gRT->ResetSystem(EfiResetCold, EFI_SUCCESS, 0, nullptr);
-    }
-    return FALSE;
+    SaveAndReset(Root, *Platform, Scenario, Summary);
+    return FALSE;  // only when the state could not be saved
   }
   if (Scenario.PowerCutAt != 0) {
     ConsolePrint("BiosUpdateApp: the power cut at operation %ld never came\r\n", Scenario.PowerCutAt);
     return FALSE;
   }
-  BOOLEAN Resumed = TRUE;
-  if (Resuming && Scenario.RegionTracked) {
-    // The emulation driver started only from a state of the right size.
-    const UINT32 Kept = State.Size() == sizeof(ResumeStateFile) ? State.As<ResumeStateFile>()->ProgressCode : 0;
-    Resumed = ResumedAtKeptRegion(Summary, Kept);
-    ConsolePrint("  resumed at       progress code %x after the kept %x: %a\r\n",
-                 Summary.ProgressCodeCount != 0 ? Summary.ProgressCodes[0] : 0, Kept,
-                 Resumed ? "the kept region" : "NOT the kept region");
-  }
+  const BOOLEAN Resumed = !Resuming || !Scenario.RegionTracked || CheckResumedRegion(State, Summary);
   return Tables && Resumed && UpdatePassed(Scenario, Summary);
 }
 
