@@ -85,8 +85,9 @@ BOOLEAN RunScenarioOn(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root) {
   if (EfiError(Status) || Platform == nullptr) {
     return FALSE;
   }
+  BiosImageInterfaceProtocol *Second = LocateServices(gBiosImageInterfaceProtocol2Guid);
   const BOOLEAN Tables = ReportServiceTable("BiosImageInterfaceProtocol", Services) &&
-                         ReportServiceTable("BiosImageInterfaceProtocol2", LocateServices(gBiosImageInterfaceProtocol2Guid));
+                         ReportServiceTable("BiosImageInterfaceProtocol2", Second);
   PoolBuffer Image, Signature, Installed;
   if (EfiError(ReadWholeFile(Root, Scenario.Tampered ? "\\bad.bin" : "\\new.bin", Image)) ||
       EfiError(ReadWholeFile(Root, "\\new.sig", Signature)) ||

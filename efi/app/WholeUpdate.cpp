@@ -115,7 +115,8 @@ void RunWholeUpdate(BiosImageInterfaceProtocol *Services, EmuPlatform &Platform,
   }
   for (UINTN Index = 0; Index < Summary.Record.SkipRegionCount && Index < kMaxSkipRegions; Index++) {
     const SkipRegion &Region = Summary.Record.SkipRegions[Index];
-    ConsolePrint("  skip region %x + %x pages (%a)\r\n", Region.Start, Region.Pages, RegionNames::LayoutPart(Region.Start));
+    ConsolePrint("  skip region %x + %x pages (%a)\r\n", Region.Start, Region.Pages,
+                 RegionNames::LayoutPart(Region.Start));
   }
   Summary.Verify = Services->BiosVerifySignature(Services, Image, ImageSize, Images.Signature, Images.SignatureSize);
   ConsolePrint("BiosVerifySignature (%ld bytes, %a image): %lx\r\n", static_cast<UINT64>(ImageSize),
@@ -161,7 +162,8 @@ void PrintSummary(const UpdateSummary &Summary) {
   ConsolePrint("  chip             %ld sectors erased, %ld bytes programmed in %ld programs, %ld program faults\r\n",
                Summary.Chip.SectorErases, Summary.Chip.BytesProgrammed, Summary.Chip.Programs,
                Summary.Chip.ProgramFaults);
-  ConsolePrint("  physical time    %ld.%03ld s (erase %ld ms, program %ld ms, read %ld ms) by the chip's timing model\r\n",
+  ConsolePrint("  physical time    %ld.%03ld s (erase %ld ms, program %ld ms, read %ld ms) "
+               "by the chip's timing model\r\n",
                Physical / 1000, Physical % 1000, Summary.Time.EraseNanoseconds / 1000000,
                Summary.Time.ProgramNanoseconds / 1000000, Summary.Time.ReadNanoseconds / 1000000);
   ConsolePrint("  elapsed time     %ld.%03ld s inside OVMF\r\n", Elapsed / 1000, Elapsed % 1000);
