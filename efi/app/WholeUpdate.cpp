@@ -157,6 +157,8 @@ void PrintSummary(const UpdateSummary &Summary) {
   const UINT64 Elapsed = Summary.ElapsedMicroseconds / 1000;
   const UINT64 Physical = Summary.Time.Total() / 1000000;
   ConsolePrint("---- summary ----\r\n");
+  ConsolePrint("  statuses         query %lx, verify %lx, write %lx, read-back %lx, completion %lx\r\n",
+               Summary.Query, Summary.Verify, Summary.Write, Summary.Read, Summary.Completion);
   ConsolePrint("  blocks           %d of %d: %d written, %d left as they were, %d failed\r\n", Summary.BlocksAttempted,
                Summary.Record.BlockCount, Summary.BlocksWritten, Summary.BlocksUnchanged, Summary.BlocksFailed);
   ConsolePrint("  chip             %ld sectors erased, %ld bytes programmed in %ld programs, %ld program faults\r\n",
