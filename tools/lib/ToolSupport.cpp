@@ -3,15 +3,20 @@
 #include <cinttypes>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 
 bool ReadWholeFile(const std::string &Path, std::vector<uint8_t> &Bytes) {
-  std::ifstream File(Path, std::ios::binary);
+  std::ifstream File(Path, std::ios::binary | std::ios::ate);
   if (!File) {
     return false;
   }
-  Bytes.assign(std::istreambuf_iterator<char>(File), std::istreambuf_iterator<char>());
-  return !File.bad();
+  const std::streamoff Size = File.tellg();
+  if (Size < 0) {
+    return false;
+  }
+  Bytes.resize(static_cast<size_t>(Size));
+  File.seekg(0);
+  File.read(reinterpret_cast<char *>(Bytes.data()), Size);
+  return static_cast<bool>(File);
 }
 
 bool WriteWholeFile(const std::string &Path, const std::vector<uint8_t> &Bytes) {
