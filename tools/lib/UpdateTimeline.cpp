@@ -20,8 +20,8 @@ const TimelineCall *UpdateTimeline::PowerCut() const {
 TimelineRecorder::TimelineRecorder(EmuPlatform &Platform) : Platform_(Platform), PortLogSeen_(Platform.PortLogCount) {}
 
 std::string TimelineRecorder::RegionOf(uint64_t ImageOffset) const {
-  if (!NamedRegion_.empty()) {
-    return NamedRegion_;
+  if ((Platform_.Config->Flags & kPlatformConfigAlternativeFlag) != 0) {
+    return NamedRegion_;  // blocks count progress units there, not image offsets
   }
   const EmuLayout &Layout = Platform_.Layout;
   if (ImageOffset < Layout.EcSize) {
@@ -210,6 +210,18 @@ private:
   std::vector<std::string> RegionsSeen_;
 };
 
+std::string ServiceLabel(const std::string &Service) {
+  static constexpr const char *kLabels[][2] = {{"Start", "start"},          {"BiosQueryImage", "query"},
+                                               {"BiosVerifySignature", "verify"}, {"BiosWriteImage", "write"},
+                                               {"BiosReadImage", "read"},   {"SetFlashCompletionStatus", "completion"}};
+  for (const auto &Label : kLabels) {
+    if (Service == Label[0]) {
+      return Label[1];
+    }
+  }
+  return Service;
+}
+
 }  // namespace
 
 std::string TimelineSvg(const UpdateTimeline &Timeline) {
@@ -217,7 +229,7 @@ std::string TimelineSvg(const UpdateTimeline &Timeline) {
   std::vector<Span> Services, Regions, Erases, Programs, Reads;
   for (const TimelineCall &Call : Timeline.Calls) {
     const bool Write = Call.Service == "BiosWriteImage";
-    Services.push_back({Call.Begin, Call.End, Write ? "write" : Call.Service});
+    Services.push_back({Call.Begin, Call.End, ServiceLabel(Call.Service)});
     if (Write && !Call.Region.empty()) {
       Regions.push_back({Call.Begin, Call.End, Call.Region});
     }

@@ -47,8 +47,8 @@ public:
   const UpdateTimeline &Timeline() const { return Timeline_; }
 
 private:
-  // The region of a block: the one the driver last named in its update log (a region-tracked
-  // update names each as it enters it), else the smallest update region holding the block.
+  // The region of a block: in a region-tracked update the one the driver last named in its
+  // update log (it names each as it enters it), else the smallest update region holding it.
   std::string RegionOf(uint64_t ImageOffset) const;
 
   EmuPlatform &Platform_;
