@@ -60,6 +60,8 @@ const Scenario kScenarios[] = {
      FlashEnd::EqualsImage, "update completed", {R"("layout":"untracked")", R"("read_back_equal":true)"}},
 };
 
+void PrintTo(const Scenario &Case, std::ostream *Stream) { *Stream << Case.Name; }
+
 class BiosUpdateScenario : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(BiosUpdateScenario, SummaryTellsWhatTheUpdateDid) {
@@ -151,7 +153,7 @@ TEST(BiosUpdateInputs, BadFilesGiveOneClearMessage) {
   const std::string Image = Write("bu-new.bin", DefaultInputs().Image);
   const std::string Signature = Write("bu-new.sig", DefaultInputs().Signature);
   const std::string Short = Write("bu-short.bin", std::vector<uint8_t>(1000, 0xFF));
-  const std::string Random = Write("bu-random.bin", PseudoRandomBytes(DefaultInputs().Image.size(), 7));
+  const std::string Blank = Write("bu-blank.bin", std::vector<uint8_t>(DefaultInputs().Image.size(), 0));
   const std::string Missing = Directory + "bu-missing.bin";
   struct Case {
     UpdateRequest Request;
@@ -162,7 +164,7 @@ TEST(BiosUpdateInputs, BadFilesGiveOneClearMessage) {
       {{Missing, Image, Signature}, "cannot read the flash file " + Missing},
       {{Flash, "", Signature}, "no image file given"},
       {{Flash, Short, Signature}, "the image file " + Short + " has 1000 bytes, not 16777216"},
-      {{Random, Image, Signature}, "the flash file " + Random + " is not a BIOS image"},
+      {{Blank, Image, Signature}, "the flash file " + Blank + " is not a BIOS image"},
       {{Flash, Image, Short}, "the signature file " + Short + " has 1000 bytes, not 256"},
   };
   for (const Case &Each : Cases) {

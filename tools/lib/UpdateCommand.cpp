@@ -1,6 +1,8 @@
 #include "UpdateCommand.h"
 
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "../../src/driver/FlashMapFormat.h"
 #include "DefaultImageLayout.h"
@@ -21,37 +23,42 @@ bool HasFlashMap(const std::vector<uint8_t> &Bytes) {
   return false;
 }
 
-bool ReadChecked(const std::string &What, const std::string &Path, size_t ExpectedSize, bool Image,
-                 std::vector<uint8_t> &Bytes, std::string &Error) {
+// Sizes are checked before anything is read, so that a wrong file is refused at once.
+bool SizeChecked(const std::string &What, const std::string &Path, uint64_t ExpectedSize, std::string &Error) {
+  std::error_code Failure;
+  const uint64_t Size = Path.empty() ? 0 : std::filesystem::file_size(Path, Failure);
   if (Path.empty()) {
     Error = "no " + What + " file given";
-    return false;
+  } else if (Failure) {
+    Error = "cannot read the " + What + " file " + Path;
+  } else if (Size != ExpectedSize) {
+    Error = "the " + What + " file " + Path + " has " + std::to_string(Size) + " bytes, not " +
+            std::to_string(ExpectedSize) + (What == "signature" ? " (an RSA-2048 signature)" : " (the platform's flash size)");
   }
+  return Error.empty();
+}
+
+bool ReadChecked(const std::string &What, const std::string &Path, bool Image, std::vector<uint8_t> &Bytes,
+                 std::string &Error) {
   if (!ReadWholeFile(Path, Bytes)) {
     Error = "cannot read the " + What + " file " + Path;
-    return false;
-  }
-  if (Bytes.size() != ExpectedSize) {
-    Error = "the " + What + " file " + Path + " has " + std::to_string(Bytes.size()) + " bytes, not " +
-            std::to_string(ExpectedSize) + (Image ? " (the platform's flash size)" : " (an RSA-2048 signature)");
-    return false;
-  }
-  if (Image && !HasFlashMap(Bytes)) {
+  } else if (Image && !HasFlashMap(Bytes)) {
     Error = "the " + What + " file " + Path + " is not a BIOS image: it has no \"QFDM\" flash map";
-    return false;
   }
-  return true;
+  return Error.empty();
 }
 
 }  // namespace
 
 bool LoadUpdateInputs(const UpdateRequest &Request, UpdateInputs &Inputs, std::string &Error) {
   const EmuLayout &Layout = kDefaultEmuLayout;
-  const size_t ImageSize = static_cast<size_t>(Layout.EcSize) + Layout.LowerFlashSize + Layout.MappedFlashSize;
-  return ReadChecked("flash", Request.FlashPath, ImageSize, true, Inputs.Flash, Error) &&
-         ReadChecked("image", Request.ImagePath, ImageSize, true, Inputs.Image, Error) &&
-         ReadChecked("signature", Request.SignaturePath, DefaultImageLayout::kSignatureLength, false, Inputs.Signature,
-                     Error);
+  const uint64_t ImageSize = static_cast<uint64_t>(Layout.EcSize) + Layout.LowerFlashSize + Layout.MappedFlashSize;
+  return SizeChecked("flash", Request.FlashPath, ImageSize, Error) &&
+         SizeChecked("image", Request.ImagePath, ImageSize, Error) &&
+         SizeChecked("signature", Request.SignaturePath, DefaultImageLayout::kSignatureLength, Error) &&
+         ReadChecked("flash", Request.FlashPath, true, Inputs.Flash, Error) &&
+         ReadChecked("image", Request.ImagePath, true, Inputs.Image, Error) &&
+         ReadChecked("signature", Request.SignaturePath, false, Inputs.Signature, Error);
 }
 
 bool UpdateOutcome::Completed() const {
