@@ -138,6 +138,9 @@ int main(int argc, char **argv) {
     ProgressDisplay Progress;
     Outcome = RunBiosUpdate(Request, Inputs, std::ref(Progress));
   }
+  if (!Outcome.SetupError.empty()) {
+    return Fail(Outcome.SetupError);
+  }
 
   const std::string Output = Request.OutputPath.empty() ? Request.FlashPath : Request.OutputPath;
   if ((!Request.OutputPath.empty() || Outcome.FlashAfter != Inputs.Flash) && !WriteWholeFile(Output, Outcome.FlashAfter)) {

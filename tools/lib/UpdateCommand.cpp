@@ -6,6 +6,7 @@
 
 #include "../../src/driver/FlashMapFormat.h"
 #include "DefaultImageLayout.h"
+#include "TestSigningKeys.h"
 #include "ToolSupport.h"
 
 namespace {
@@ -70,7 +71,9 @@ UpdateOutcome RunBiosUpdate(const UpdateRequest &Request, const UpdateInputs &In
   UpdateOutcome Outcome;
   std::unique_ptr<EmuPlatform> Platform = MakeInstalledPlatform(Inputs.Flash);
   if (Platform == nullptr) {
-    return Outcome;  // Start stays EFI_NOT_STARTED
+    Outcome.SetupError = "cannot set up the emulated platform: are the build's test keys in " +
+                         TestSigningKeyPath(TestSigningKey::Selector1) + "?";
+    return Outcome;
   }
   TimelineRecorder Recorder(*Platform);
   UpdateOptions Options;

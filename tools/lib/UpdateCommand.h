@@ -32,6 +32,7 @@ struct UpdateOutcome {
   UpdateReport Report;
   UpdateTimeline Timeline;
   std::vector<uint8_t> FlashAfter;  // what the chip (and the EC store) held at the end
+  std::string SetupError;           // the platform could not be made: nothing ran, FlashAfter is empty
   bool Completed() const;           // every call succeeded, read-back equal, power kept
 };
 
