@@ -87,16 +87,19 @@ std::string UpdateResultLine(const UpdateOutcome &Outcome) {
     }
     return "update not completed: the power failed during " + Where;
   }
+  // The first thing that went wrong, in the order of the calls: the services before the
+  // blocks refuse the update, the blocks and the services after them leave it incomplete.
   const UpdateReport &Report = Outcome.Report;
-  for (const ServiceStatus &Service : kServices) {
-    if (Called(Outcome, Service.Service) && Report.*Service.Status != EFI_SUCCESS) {
-      const bool BeforeWrites = Report.BlockStatuses.empty();
-      return std::string("update ") + (BeforeWrites ? "refused" : "not completed") + ": " + Service.Service +
-             " returned " + EfiStatusName(Report.*Service.Status) + (BeforeWrites ? ", no block written" : "");
+  const auto Failure = [&](const ServiceStatus &Service) -> std::string {
+    if (!Called(Outcome, Service.Service)) {
+      return std::string(Service.Service) + " was not called";
     }
-    if (!Called(Outcome, Service.Service) && Service.Status != &UpdateReport::Read &&
-        Service.Status != &UpdateReport::Completion) {
-      return std::string("update not completed: ") + Service.Service + " was not called";
+    const EFI_STATUS Status = Report.*Service.Status;
+    return Status == EFI_SUCCESS ? "" : std::string(Service.Service) + " returned " + EfiStatusName(Status);
+  };
+  for (const ServiceStatus &Service : {kServices[0], kServices[1], kServices[2]}) {
+    if (const std::string Why = Failure(Service); !Why.empty()) {
+      return "update refused: " + Why + ", no block written";
     }
   }
   if (Report.BlocksFailed != 0) {
@@ -104,6 +107,11 @@ std::string UpdateResultLine(const UpdateOutcome &Outcome) {
     return Printf("update not completed: %u blocks failed, the first (block %u) with ", Report.BlocksFailed,
                   Tally.FirstFailedBlock.value_or(0)) +
            EfiStatusName(Tally.FirstFailure);
+  }
+  for (const ServiceStatus &Service : {kServices[3], kServices[4]}) {
+    if (const std::string Why = Failure(Service); !Why.empty()) {
+      return "update not completed: " + Why;
+    }
   }
   if (!Report.ReadBackEqual) {
     return "update not completed: the read-back differs from the image";
