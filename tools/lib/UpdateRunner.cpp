@@ -103,17 +103,23 @@ bool UpdateReport::Completed() const {
          Read == EFI_SUCCESS && ReadBackEqual;
 }
 
-UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const std::vector<uint8_t> &Signature,
-                       const UpdateOptions &Options) {
-  UpdateReport Report;
-  Platform.Flash.ResetStats();
+namespace {
+
+// The calls of one update in one boot; Report gets each status as it comes.
+void RunServices(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const std::vector<uint8_t> &Signature,
+                 const UpdateOptions &Options, UpdateReport &Report) {
   BootScenario Scenario = Options.Boot;
   Scenario.CompletionPoolBuffer = Options.CompletionStatus.has_value();
   SimulatedBoot Boot(Platform, Scenario);
+  // False when the caller ends the update after this call.
+  const auto Continue = [&](const char *Service, EFI_STATUS Status, uint32_t Block = 0, uint64_t Offset = 0) {
+    Report.Stopped = Options.AfterCall && !Options.AfterCall(ServiceCall{Service, Block, Offset, Status});
+    return !Report.Stopped;
+  };
   Report.Start = Boot.StartDriver();
   BiosImageInterfaceProtocol *Table = Boot.Table(Options.SecondTable);
-  if (Report.Start != EFI_SUCCESS || Table == nullptr) {
-    return Report;
+  if (!Continue("Start", Report.Start) || Report.Start != EFI_SUCCESS || Table == nullptr) {
+    return;
   }
   using Clock = std::chrono::steady_clock;
   const auto Timed = [&Report](auto &&Call) {
@@ -125,16 +131,16 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
 
   BiosImageQueryRecord Record = {};
   Report.Query = Timed([&] { return Table->BiosQueryImage(Table, &Record, 0, 0); });
-  if (Report.Query != EFI_SUCCESS) {
-    return Report;
+  if (!Continue("BiosQueryImage", Report.Query) || Report.Query != EFI_SUCCESS) {
+    return;
   }
   std::vector<uint8_t> Copy = Image;  // the service blanks part of it while it checks
   std::vector<uint8_t> SignatureCopy = Signature;
   Report.Verify = Timed([&] {
     return Table->BiosVerifySignature(Table, Copy.data(), Copy.size(), SignatureCopy.data(), SignatureCopy.size());
   });
-  if (Report.Verify != EFI_SUCCESS) {
-    return Report;
+  if (!Continue("BiosVerifySignature", Report.Verify) || Report.Verify != EFI_SUCCESS) {
+    return;
   }
   Report.SkipRegions.assign(Record.SkipRegions, Record.SkipRegions + std::min<size_t>(Record.SkipRegionCount, kMaxSkipRegions));
   Report.BlockSize = Record.BlockSize;
@@ -149,9 +155,13 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
       Options.Progress(Block, Report.Blocks, Request.ImageOffset);
     }
     const EFI_STATUS Status = Timed([&] { return Table->BiosWriteImage(Table, &Record, &Request); });
+    Report.BlockStatuses.push_back(Status);
     if (Status != EFI_SUCCESS) {
       Report.BlocksFailed++;
       Report.Write = Report.Write == EFI_SUCCESS ? Status : Report.Write;
+    }
+    if (!Continue("BiosWriteImage", Status, Block, Request.ImageOffset)) {
+      return;
     }
   }
   VOID *ReadBack = nullptr;
@@ -160,11 +170,26 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
     Report.ReadBackEqual = std::equal(Image.begin(), Image.end(), static_cast<const uint8_t *>(ReadBack));
     gBS->FreePool(ReadBack);
   }
+  if (!Continue("BiosReadImage", Report.Read)) {
+    return;
+  }
   if (Options.CompletionStatus) {
     Report.Completion = Timed([&] { return Table->SetFlashCompletionStatus(Table, *Options.CompletionStatus); });
+    if (!Continue("SetFlashCompletionStatus", Report.Completion)) {
+      return;
+    }
   }
   Report.Variables = Boot.Sim.Variables();
   Report.CompletionMarker = !Boot.Sim.HandlesWith(gFlashCompleteProtocolGuid).empty();
+}
+
+}  // namespace
+
+UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const std::vector<uint8_t> &Signature,
+                       const UpdateOptions &Options) {
+  UpdateReport Report;
+  Platform.Flash.ResetStats();
+  RunServices(Platform, Image, Signature, Options, Report);
   Report.Chip = Platform.Flash.Stats();
   Report.Time = Platform.Flash.Time();
   return Report;

@@ -60,12 +60,23 @@ private:
   size_t CmosImageOffset_ = 0, CmosImageSize_ = 0;
 };
 
+// One call into the driver as it returned: its start, then each service.
+struct ServiceCall {
+  const char *Service;       // "Start", "BiosQueryImage", "BiosVerifySignature", "BiosWriteImage", ...
+  uint32_t Block;            // BiosWriteImage: the block number (else 0)
+  uint64_t ImageOffset;      // BiosWriteImage: the block's image offset (else 0)
+  EFI_STATUS Status;
+};
+
 struct UpdateOptions {
   BootScenario Boot;
   bool SecondTable = false;
   // Told before each block is written: block number, block count, image offset.
   std::function<void(uint32_t, uint32_t, uint64_t)> Progress;
   std::optional<uint8_t> CompletionStatus;  // reported with SetFlashCompletionStatus at the end
+  // Told after every call into the driver; false ends the update there, as a machine that
+  // lost its power would (the calls not made keep EFI_NOT_STARTED).
+  std::function<bool(const ServiceCall &)> AfterCall;
 };
 
 struct UpdateReport {
@@ -83,10 +94,12 @@ struct UpdateReport {
   // included) and whether the completion marker protocol was installed.
   std::map<std::pair<std::u16string, std::string>, SimVariable> Variables;
   bool CompletionMarker = false;
+  std::vector<EFI_STATUS> BlockStatuses;  // each block written, in order
+  bool Stopped = false;                   // AfterCall ended the update early
   bool Completed() const;
 };
 
 // Runs query, verification, every block in order and the read-back in one boot. The chip's
-// counters are those of this update alone.
+// counters are those of this update alone, however far it got.
 UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
                        const std::vector<uint8_t> &Signature, const UpdateOptions &Options = {});

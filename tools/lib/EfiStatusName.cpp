@@ -1,0 +1,64 @@
+#include "EfiStatusName.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+namespace {
+
+struct NamedStatus {
+  EFI_STATUS Status;
+  const char *Name;
+};
+
+constexpr NamedStatus kNamedStatuses[] = {
+    {EFI_SUCCESS, "EFI_SUCCESS"},
+    {EFI_LOAD_ERROR, "EFI_LOAD_ERROR"},
+    {EFI_INVALID_PARAMETER, "EFI_INVALID_PARAMETER"},
+    {EFI_UNSUPPORTED, "EFI_UNSUPPORTED"},
+    {EFI_BAD_BUFFER_SIZE, "EFI_BAD_BUFFER_SIZE"},
+    {EFI_BUFFER_TOO_SMALL, "EFI_BUFFER_TOO_SMALL"},
+    {EFI_NOT_READY, "EFI_NOT_READY"},
+    {EFI_DEVICE_ERROR, "EFI_DEVICE_ERROR"},
+    {EFI_WRITE_PROTECTED, "EFI_WRITE_PROTECTED"},
+    {EFI_OUT_OF_RESOURCES, "EFI_OUT_OF_RESOURCES"},
+    {EFI_VOLUME_CORRUPTED, "EFI_VOLUME_CORRUPTED"},
+    {EFI_VOLUME_FULL, "EFI_VOLUME_FULL"},
+    {EFI_NO_MEDIA, "EFI_NO_MEDIA"},
+    {EFI_MEDIA_CHANGED, "EFI_MEDIA_CHANGED"},
+    {EFI_NOT_FOUND, "EFI_NOT_FOUND"},
+    {EFI_ACCESS_DENIED, "EFI_ACCESS_DENIED"},
+    {EFI_NO_RESPONSE, "EFI_NO_RESPONSE"},
+    {EFI_NO_MAPPING, "EFI_NO_MAPPING"},
+    {EFI_TIMEOUT, "EFI_TIMEOUT"},
+    {EFI_NOT_STARTED, "EFI_NOT_STARTED"},
+    {EFI_ALREADY_STARTED, "EFI_ALREADY_STARTED"},
+    {EFI_ABORTED, "EFI_ABORTED"},
+    {EFI_ICMP_ERROR, "EFI_ICMP_ERROR"},
+    {EFI_TFTP_ERROR, "EFI_TFTP_ERROR"},
+    {EFI_PROTOCOL_ERROR, "EFI_PROTOCOL_ERROR"},
+    {EFI_INCOMPATIBLE_VERSION, "EFI_INCOMPATIBLE_VERSION"},
+    {EFI_SECURITY_VIOLATION, "EFI_SECURITY_VIOLATION"},
+    {EFI_CRC_ERROR, "EFI_CRC_ERROR"},
+    {EFI_END_OF_MEDIA, "EFI_END_OF_MEDIA"},
+    {EFI_END_OF_FILE, "EFI_END_OF_FILE"},
+    {EFI_INVALID_LANGUAGE, "EFI_INVALID_LANGUAGE"},
+    {EFI_COMPROMISED_DATA, "EFI_COMPROMISED_DATA"},
+    {EFI_WARN_UNKNOWN_GLYPH, "EFI_WARN_UNKNOWN_GLYPH"},
+    {EFI_WARN_DELETE_FAILURE, "EFI_WARN_DELETE_FAILURE"},
+    {EFI_WARN_WRITE_FAILURE, "EFI_WARN_WRITE_FAILURE"},
+    {EFI_WARN_BUFFER_TOO_SMALL, "EFI_WARN_BUFFER_TOO_SMALL"},
+};
+
+}  // namespace
+
+std::string EfiStatusName(EFI_STATUS Status) {
+  for (const NamedStatus &Named : kNamedStatuses) {
+    if (Named.Status == Status) {
+      return Named.Name;
+    }
+  }
+  char Text[48];
+  std::snprintf(Text, sizeof(Text), "%s 0x%" PRIx64, EFI_ERROR(Status) ? "EFI error" : "EFI warning",
+                static_cast<uint64_t>(Status));
+  return Text;
+}
