@@ -143,7 +143,7 @@ PspTreeInfo InspectPspTree(std::vector<std::string> &Findings) {
   // The lookups below reuse the driver's level-1 buffer: keep a copy.
   const Buffer Psp(Level1, Level1 + kDirectoryBufferSize);
   Tree.Directories.push_back(Level1Info("$PSP", Level1Location(Psp.data()), Psp.data(), false));
-  const std::vector<DirectoryEntryInfo> &Entries = Tree.Directories.front().Entries;
+  const std::vector<DirectoryEntryInfo> Entries = Tree.Directories.front().Entries;  // the list grows below
 
   if (IsAbPointerDirectory(Psp.data())) {
     const AbInfo *Info = nullptr;
