@@ -82,7 +82,7 @@ int main(int argc, char **argv) {
   if (Json) {
     std::printf("%s\n", InspectionJson(Inspection).c_str());
   } else {
-    std::printf("%s: ", File);
+    std::printf("File: %s\n", File);
     std::fputs(InspectionText(Inspection).c_str(), stdout);
   }
   if (!Inspection.Recognized()) {

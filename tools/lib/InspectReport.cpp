@@ -74,6 +74,12 @@ const char *VerdictName(SignatureVerdict Verdict) {
   }
 }
 
+// Map entries of the signed regions carry no name of their own.
+std::string AreaName(const EFI_GUID &Guid) {
+  static const EFI_GUID kNone = {};
+  return CompareGuid(&Guid, &kNone) ? "-" : GuidName(Guid);
+}
+
 std::string DirectoryTitle(const DirectoryInfo &Directory) {
   std::string Where = Directory.Address != 0 ? Format("0x%llX", U(Directory.Address)) : std::string("(via EFS)");
   return Format("level %d%s \"%s\" at %s", Directory.Level,
@@ -120,7 +126,7 @@ std::string InspectionText(const ImageInspection &I) {
                   I.FlashMap.EntriesOffset, I.FlashMap.EntrySize, U(I.FlashMap.BaseAddress));
     for (const FlashMapEntryInfo &E : I.FlashMap.Entries) {
       Out += Format("  %-30s %-30s offset 0x%08llX size 0x%08llX attr 0x%X%s\n", GuidName(E.Type).c_str(),
-                    GuidName(E.Name).c_str(), U(E.Offset), U(E.Size), E.Attributes,
+                    AreaName(E.Name).c_str(), U(E.Offset), U(E.Size), E.Attributes,
                     E.Ignored ? " (ignored)" : E.Address != 0 ? Format(" -> 0x%llX", U(E.Address)).c_str() : "");
     }
   }
