@@ -169,6 +169,13 @@ const BreakCase kBreaks[] = {
      },
      "flash map cut short",
      [](const ImageInspection &I) { EXPECT_EQ(I.FlashMap.Entries.size(), 13u); }},
+    {"FlashMapClaimingAllTheFlash",
+     [](std::vector<uint8_t> &Image, const PspImage::PspTree &) {
+       std::memset(&Image[kMapOffset + 4], 0xFF, 4);  // TotalSize: up to 4 GiB, bounded by the window
+       Reseal(Image);
+     },
+     "entries; the rest are not listed",
+     [](const ImageInspection &I) { EXPECT_TRUE(HasFinding(I, "erased entries")); }},
     {"FlashMapHeaderSumWrong", [](std::vector<uint8_t> &Image, const PspImage::PspTree &) { Image[kMapOffset + 20]++; },
      "flash map refused", [](const ImageInspection &I) { EXPECT_EQ(I.Stores[0].Variables.size(), 22u); }},
     {"Level2DirectoryOfCopyAWithBadChecksum",

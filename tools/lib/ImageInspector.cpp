@@ -22,12 +22,6 @@
 
 namespace {
 
-std::string Hex(uint64_t Value) {
-  char Text[24];
-  std::snprintf(Text, sizeof(Text), "0x%llX", static_cast<unsigned long long>(Value));
-  return Text;
-}
-
 // Where the recovery copy of the boot block keeps its BIOS-ID area (as the query reads it
 // when the PSP directory marker is cleared).
 constexpr uint32_t kRecoveryBootBlockSize = 0x178000;
@@ -124,7 +118,7 @@ SignatureInfo InspectEmbedded(const char *Kind, EmbeddedCheck Check, const std::
   ImageSignatureVerifyProtocol Verifier{nullptr, nullptr, CaptureVerify};
   const EFI_STATUS Status = Check(&Verifier, Image.data(), Image.size());
   if (!gCaptured.Called) {
-    Info.Status = Status == EFI_NOT_FOUND ? Missing : "not checked, status " + Hex(Status);
+    Info.Status = Status == EFI_NOT_FOUND ? Missing : "not checked, status " + HexText(Status);
     return Info;
   }
   Info.SignatureAddress = kInspectedFlashBase + static_cast<uint64_t>(gCaptured.Signature - Image.data());
@@ -163,7 +157,7 @@ UpdateRegionsInfo InspectUpdateRegions(EmuPlatform &Platform, const std::vector<
   const EFI_STATUS Start = Boot.StartDriver();
   BiosImageInterfaceProtocol *Table = Boot.Table(false);
   if (Start != EFI_SUCCESS || Table == nullptr) {
-    Info.Status = "not built: the driver did not start over the image, status " + Hex(Start);
+    Info.Status = "not built: the driver did not start over the image, status " + HexText(Start);
     Findings.push_back(Info.Status);
     return Info;
   }
@@ -171,7 +165,7 @@ UpdateRegionsInfo InspectUpdateRegions(EmuPlatform &Platform, const std::vector<
   Table->BiosQueryImage(Table, &Record, 0, 0);  // the flash geometry the progress units count in
   const EFI_STATUS Status = BuildUpdateRegionTable(Image.data(), Image.size());
   if (Status != EFI_SUCCESS) {
-    Info.Status = "not built: the platform's layout of the image answers " + Hex(Status);
+    Info.Status = "not built: the platform's layout of the image answers " + HexText(Status);
     Findings.push_back(Info.Status);
     return Info;
   }
@@ -209,7 +203,7 @@ ImageInspection InspectImage(const std::vector<uint8_t> &Image, const InspectOpt
   const PlatformConfigProtocol &Config = *Platform->Config;
   Result.BiosId = FindBiosIdIn(Image, Config.BiosIdAreaAddress, Config.BiosIdAreaSize);
   if (!Result.BiosId.Found) {
-    Findings.push_back("no \"$BID\" in the BIOS-ID area at " + Hex(Config.BiosIdAreaAddress));
+    Findings.push_back("no \"$BID\" in the BIOS-ID area at " + HexText(Config.BiosIdAreaAddress));
   }
   {
     SimulatedBoot Boot(*Platform, BootScenario{});

@@ -151,3 +151,5 @@ std::string InspectionJson(const ImageInspection &Inspection);
 // registry form of any other.
 std::string GuidName(const EFI_GUID &Guid);
 std::string GuidText(const EFI_GUID &Guid);
+// "0x..." in upper-case hexadecimal.
+std::string HexText(uint64_t Value);

@@ -14,12 +14,6 @@
 
 namespace {
 
-std::string Hex(uint64_t Value) {
-  char Text[24];
-  std::snprintf(Text, sizeof(Text), "0x%llX", static_cast<unsigned long long>(Value));
-  return Text;
-}
-
 std::string CookieText(UINT32 Cookie) {
   std::string Text;
   for (int Shift = 0; Shift < 32; Shift += 8) {
@@ -69,7 +63,7 @@ bool ReadValidated(UINT64 Location, UINT32 Cookie, bool Bios, Buffer &Bytes, Dir
                 : Found != Cookie ? "no \"" + Info.Cookie + "\" there (found \"" + CookieText(Found) + "\")"
                                   : "fails validation: checksum or entry count wrong";
   Findings.push_back("\"" + Info.Cookie + "\" directory" + (Info.Copy.empty() ? "" : " of copy " + Info.Copy) +
-                     " at " + Hex(Location) + ": " + Info.Status);
+                     " at " + HexText(Location) + ": " + Info.Status);
   return false;
 }
 

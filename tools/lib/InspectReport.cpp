@@ -95,6 +95,8 @@ std::string GuidText(const EFI_GUID &Guid) {
                 Guid.Data4[7]);
 }
 
+std::string HexText(uint64_t Value) { return Format("0x%llX", U(Value)); }
+
 std::string GuidName(const EFI_GUID &Guid) {
   for (const NamedGuid &Known : kNamedGuids) {
     if (CompareGuid(Known.Guid, &Guid)) {

@@ -16,12 +16,6 @@
 
 namespace {
 
-std::string Hex(uint64_t Value) {
-  char Text[24];
-  std::snprintf(Text, sizeof(Text), "0x%llX", static_cast<unsigned long long>(Value));
-  return Text;
-}
-
 bool IsErased(const EFI_GUID &Guid) {
   const auto *Bytes = reinterpret_cast<const uint8_t *>(&Guid);
   for (size_t Index = 0; Index < sizeof(Guid); Index++) {
@@ -32,6 +26,10 @@ bool IsErased(const EFI_GUID &Guid) {
   return true;
 }
 
+// A map of more entries than this is hostile: listing stops there (each listed entry is looked
+// up again, which walks the map).
+constexpr size_t kMaxListedMapEntries = 4096;
+
 std::string MapStatusText(EFI_STATUS Status) {
   switch (Status) {
   case EFI_NOT_FOUND:
@@ -39,7 +37,7 @@ std::string MapStatusText(EFI_STATUS Status) {
   case EFI_SECURITY_VIOLATION:
     return "flash map refused: header sum not 0, header cut short or entry stride below 52 bytes";
   default:
-    return "flash map unusable, status " + Hex(Status);
+    return "flash map unusable, status " + HexText(Status);
   }
 }
 
@@ -59,6 +57,11 @@ FlashMapInfo InspectFlashMap(std::vector<std::string> &Findings) {
   }
   // The map lies in the flash window; it may be read up to the window's end.
   const UINT8 *Window = Hw::FlashPointer(kInspectedFlashBase, kInspectedImageSize);
+  if (Window == nullptr || Map < Window || Map >= Window + kInspectedImageSize) {
+    Info.Status = "flash map found outside the image";
+    Findings.push_back(Info.Status);
+    return Info;
+  }
   const UINTN Extent = kInspectedImageSize - static_cast<UINTN>(Map - Window);
   FlashMapHeader Header;
   std::memcpy(&Header, Map, sizeof(Header));
@@ -73,16 +76,20 @@ FlashMapInfo InspectFlashMap(std::vector<std::string> &Findings) {
   // then looked up again through the driver by its type and instance.
   const ByteView Entries(Map, Header.TotalSize < Extent ? Header.TotalSize : Extent);
   uint64_t Position = Header.EntriesOffset;
+  size_t Erased = 0;
   for (; Position < Header.TotalSize; Position += Header.EntrySize) {
+    if (Info.Entries.size() == kMaxListedMapEntries) {
+      Findings.push_back("flash map claims more than " + std::to_string(kMaxListedMapEntries) +
+                         " entries; the rest are not listed");
+      break;
+    }
     FlashMapEntry Raw;
     if (!Entries.ReadBytes(static_cast<UINTN>(Position), &Raw, sizeof(Raw))) {
       break;
     }
     FlashMapEntryInfo Entry{Raw.AreaType, Raw.AreaName, Raw.Offset, Raw.Size, Raw.Attributes,
                             (Raw.Attributes & kFlashMapEntryIgnored) != 0, 0};
-    if (IsErased(Raw.AreaType)) {
-      Findings.push_back("flash map entry at +" + Hex(Position) + " is erased");
-    }
+    Erased += IsErased(Raw.AreaType) ? 1 : 0;
     if (!Entry.Ignored) {
       unsigned Instance = 1;
       for (const FlashMapEntryInfo &Earlier : Info.Entries) {
@@ -95,11 +102,15 @@ FlashMapInfo InspectFlashMap(std::vector<std::string> &Findings) {
     }
     Info.Entries.push_back(Entry);
   }
-  if (Position < Header.TotalSize) {
-    Findings.push_back("flash map cut short: the entry at +" + Hex(Position) + " does not lie whole inside TotalSize " +
-                       Hex(Header.TotalSize) + " (the lookups drop it)");
+  if (Erased != 0) {
+    Findings.push_back("flash map lists " + std::to_string(Erased) + " erased entries");
   }
-  Info.Status = "\"QFDM\" at " + Hex(Info.Address) + ", " + std::to_string(Info.Entries.size()) + " entries (" +
+  if (Position < Header.TotalSize && Info.Entries.size() < kMaxListedMapEntries) {
+    Findings.push_back("flash map cut short: the entry at +" + HexText(Position) +
+                       " does not lie whole inside the map (TotalSize " + HexText(Header.TotalSize) +
+                       ", or the flash ends): the lookups drop it");
+  }
+  Info.Status = "\"QFDM\" at " + HexText(Info.Address) + ", " + std::to_string(Info.Entries.size()) + " entries (" +
                 std::to_string(Count) + " usable)";
   if (Info.Entries.empty()) {
     Findings.push_back("flash map holds no entry");
@@ -141,16 +152,16 @@ void WalkFiles(const ByteView &Image, UINTN Offset, VolumeInfo &Volume) {
   while (File < End) {
     const UINT8 *Header = Image.At(File, kFileHeaderSize);
     if (Header == nullptr || kFileHeaderSize > End - File) {
-      Volume.Status = "ends with a file header cut by the volume's end at " + Hex(kInspectedFlashBase + File);
+      Volume.Status = "ends with a file header cut by the volume's end at " + HexText(kInspectedFlashBase + File);
       return;
     }
     const UINT32 Size = Header[20] | Header[21] << 8 | static_cast<UINT32>(Header[22]) << 16;
     if (Size == 0xFFFFFF) {
-      Volume.Status = "free space from " + Hex(kInspectedFlashBase + File);
+      Volume.Status = "free space from " + HexText(kInspectedFlashBase + File);
       return;
     }
     if (Size < kFileHeaderSize || Size > End - File) {
-      Volume.Status = "walk ends at " + Hex(kInspectedFlashBase + File) + ": file size " + Hex(Size) +
+      Volume.Status = "walk ends at " + HexText(kInspectedFlashBase + File) + ": file size " + HexText(Size) +
                       " is a large file, a broken header or crosses the volume's end";
       return;
     }
@@ -180,7 +191,7 @@ std::vector<VolumeInfo> InspectVolumes(const std::vector<uint8_t> &Image, std::v
     WalkFiles(View, Position, Volume);
     const bool Overruns = Volume.Length > View.Size() - Position;
     if (Overruns) {
-      Findings.push_back("firmware volume at " + Hex(Volume.Address) + " claims " + Hex(Volume.Length) +
+      Findings.push_back("firmware volume at " + HexText(Volume.Address) + " claims " + HexText(Volume.Length) +
                          " bytes, past the image's end");
     }
     Volumes.push_back(std::move(Volume));
@@ -238,7 +249,7 @@ VariableStoreInfo InspectVariableStore(const std::vector<uint8_t> &Image, const 
   ByteView Volume;
   if (Address < kInspectedFlashBase || !View.Sub(static_cast<UINTN>(Address - kInspectedFlashBase), Size, Volume)) {
     Store.Status = "outside the image";
-    Findings.push_back(Role + " variable store at " + Hex(Address) + " lies outside the image");
+    Findings.push_back(Role + " variable store at " + HexText(Address) + " lies outside the image");
     return Store;
   }
   const BOOLEAN Configured = gConfig.VssSignatureFormat;
@@ -251,7 +262,7 @@ VariableStoreInfo InspectVariableStore(const std::vector<uint8_t> &Image, const 
     }
     Store.Status = Erased ? "erased" : "not an NV store volume";
     if (!Erased || !ErasedIsExpected) {
-      Findings.push_back(Role + " variable store at " + Hex(Address) + ": " + Store.Status);
+      Findings.push_back(Role + " variable store at " + HexText(Address) + ": " + Store.Status);
     }
     return Store;
   }
@@ -281,8 +292,8 @@ VariableStoreInfo InspectVariableStore(const std::vector<uint8_t> &Image, const 
     Findings.push_back(Role + " variable store header is invalid");
   }
   if (Record < End && StartId != 0xFFFF) {
-    Store.Status += "; the walk stops at " + Hex(WalkEnd) + " on a record that is not whole inside the store";
-    Findings.push_back(Role + " variable store: record at " + Hex(WalkEnd) + " is malformed or crosses the store's end");
+    Store.Status += "; the walk stops at " + HexText(WalkEnd) + " on a record that is not whole inside the store";
+    Findings.push_back(Role + " variable store: record at " + HexText(WalkEnd) + " is malformed or crosses the store's end");
   }
   gConfig.VssSignatureFormat = Configured;
   return Store;
