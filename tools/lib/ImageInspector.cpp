@@ -1,6 +1,5 @@
 #include "ImageInspector.h"
 
-#include <cstdio>
 #include <cstring>
 #include <memory>
 

@@ -3,7 +3,6 @@
 // (or a level-1 pair, or entry 0x40), each copy's "$PL2" and the "$BL2" it leads to, and
 // "$BHD" with its "$BL2". Every directory is read into a directory buffer and validated by
 // the driver before its entries are listed; addresses are translated as the lookups do.
-#include <cstdio>
 #include <cstring>
 
 #include "../../src/base/ByteView.h"

@@ -1,6 +1,5 @@
 // The flash map (found and validated by the driver's lookups), the firmware volumes, and
 // the variable stores (recognised and walked by the driver's store code).
-#include <cstdio>
 #include <cstring>
 
 #include "../../src/base/ByteView.h"
