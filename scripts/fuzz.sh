@@ -81,5 +81,5 @@ for name in "${harnesses[@]}"; do
   total_runs=$((total_runs + runs))
   total_findings=$((total_findings + found))
 done
-printf '%-26s %14s %9s\n' "total (${#harnesses[@]} harnesses, $minutes min each)" "$total_runs" "$total_findings"
+printf '%-26s %14s %9s   (%d harnesses, %d min each)\n' total "$total_runs" "$total_findings" "${#harnesses[@]}" "$minutes"
 [[ $total_findings -eq 0 ]]
