@@ -13,6 +13,9 @@ constexpr UINT32 kUpdateLogRecordVersionQueried = 27;
 EFI_STATUS EFIAPI BiosGetDriverVersion(BiosImageInterfaceProtocol *This, UINT8 *Major, UINT8 *Minor) {
   (void)This;
   TRACE("  BiosImageInterfaceProtocol->BiosGetDriverVersion Entry");
+  if (Major == nullptr || Minor == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
   *Major = 2;
   *Minor = 0;
   UpdateLogProtocol *Log = nullptr;
@@ -27,6 +30,9 @@ EFI_STATUS EFIAPI BiosGetDriverVersion(BiosImageInterfaceProtocol *This, UINT8 *
 EFI_STATUS EFIAPI BiosGetUpdateToken(BiosImageInterfaceProtocol *This, UINT64 *Token) {
   (void)This;
   TRACE("  BiosImageInterfaceProtocol->BiosGetUpdateToken Entry");
+  if (Token == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
   *Token = 0;
   return EFI_SUCCESS;
 }

@@ -294,7 +294,7 @@ VOID MoveCmosJournalBack() {
   const UINT32 Half = JournalAreaSize() / 2;
   const UINT64 First = gConfig.CmosJournalBase;
   const UINT64 Second = First + Half;
-  const UINT8 *SecondHalf = Hw::FlashPointer(Second, Half);
+  const UINT8 *SecondHalf = Half < sizeof(EFI_GUID) ? nullptr : Hw::FlashPointer(Second, Half);
   if (SecondHalf == nullptr || CompareMem(SecondHalf, &gCmosJournalSignatureGuid, sizeof(EFI_GUID)) != 0) {
     return;
   }

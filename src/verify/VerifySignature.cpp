@@ -26,6 +26,16 @@ bool RegionTracked() { return (mPlatformConfig->Flags & kPlatformConfigAlternati
 
 bool ResumingRegionTrackedUpdate() { return RegionTracked() && GetFirstGuidHob(&gUpdateResumeHobGuid) != nullptr; }
 
+// The update image is the platform's whole image (EC part, lower flash part, mapped part);
+// a caller's size that differs cannot be trusted to describe its buffer, so nothing is read.
+bool IsPlatformImageSize(UINT64 ImageSize) {
+  FlashInfo Info = {};
+  if (mPlatformFlashService->GetFlashInfo(&Info) != EFI_SUCCESS) {
+    return false;
+  }
+  return ImageSize == static_cast<UINT64>(Info.EcSize) + Info.LowerFlashSize + Info.MappedFlashSize;
+}
+
 // Checks the detached signature with the excluded area blanked, then puts the caller's
 // bytes back: the caller's image is unchanged when this returns.
 EFI_STATUS VerifyDetachedSignature(ImageSignatureVerifyProtocol *Verifier, UINT8 *Image, UINT64 ImageSize,
@@ -106,7 +116,7 @@ EFI_STATUS EFIAPI BiosVerifySignature(BiosImageInterfaceProtocol *This, VOID *Im
   if (Image == nullptr || Signature == nullptr) {
     return EFI_INVALID_PARAMETER;
   }
-  if (ExcludedOffset > ImageSize || gConfig.SignatureExcludedSize > ImageSize - ExcludedOffset) {
+  if (!IsPlatformImageSize(ImageSize) || ExcludedOffset > ImageSize || gConfig.SignatureExcludedSize > ImageSize - ExcludedOffset) {
     return EFI_BAD_BUFFER_SIZE;
   }
   UINT8 *Bytes = static_cast<UINT8 *>(Image);

@@ -10,6 +10,7 @@
 #include "src/driver/DriverState.h"
 #include "src/flash/FlashRecords.h"
 #include "src/flash/FlashState.h"
+#include "tests/fuzz/FuzzBootServices.h"
 
 namespace {
 
@@ -18,16 +19,30 @@ constexpr UINT32 kFlashBase = 0xFFF00000;
 UINT64 gFlashLow = 0;
 UINT64 gFlashHigh = 0;
 
-EFI_STATUS EFIAPI TrapWriteFlash(UINT8, UINT32 Address, const VOID *Buffer, UINT32 Length) {
+// Image writes (type 0) come from the accepted image; the region steps' marker writes
+// (type 1) from their own buffers. Both stay inside the flash.
+EFI_STATUS EFIAPI TrapWriteFlash(UINT8 Type, UINT32 Address, const VOID *Buffer, UINT32 Length) {
   const UINT8 *Data = static_cast<const UINT8 *>(Buffer);
-  if (Address < gFlashLow || static_cast<UINT64>(Address) + Length > gFlashHigh || Data < mVerifiedImage ||
-      Data + Length > mVerifiedImage + mVerifiedImageSize) {
+  if (Address < gFlashLow || static_cast<UINT64>(Address) + Length > gFlashHigh ||
+      (Type == 0 && (Data < mVerifiedImage || Data + Length > mVerifiedImage + mVerifiedImageSize))) {
     std::abort();
   }
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI TrapWriteEc(const VOID *, UINT32, UINT32) { std::abort(); }
+// The region steps read the markers back; the flash reads as erased.
+EFI_STATUS EFIAPI ErasedReadFlash(UINT8, VOID *Buffer, UINT32, UINT32 Length) {
+  std::memset(Buffer, 0xFF, Length);
+  return EFI_SUCCESS;
+}
+
+// Entering OBB updates the EC firmware, which this platform does not have (size 0).
+EFI_STATUS EFIAPI TrapWriteEc(const VOID *, UINT32 Length, UINT32) {
+  if (Length != 0) {
+    std::abort();
+  }
+  return EFI_SUCCESS;
+}
 
 // Reads the input front to back; past its end everything reads as zero.
 struct Input {
@@ -50,6 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
   static PlatformFlashServiceProtocol Service = {};
   static PlatformConfigProtocol Config = {};
   static BiosImageInterfaceProtocol Tables[2] = {};
+  static EFI_BOOT_SERVICES BootServices = FuzzBootServices();  // the region steps look for the update log
+  gBS = &BootServices;
+  Service.ReadFlash = ErasedReadFlash;
   Service.WriteFlash = TrapWriteFlash;
   Service.WriteEc = TrapWriteEc;
   mPlatformFlashService = &Service;
