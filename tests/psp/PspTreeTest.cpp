@@ -26,6 +26,13 @@ Found BiosEntry(UINT8 Type, INT8 Instance = -1) {
   return F;
 }
 
+// Counts, then primary and secondary index, priority and level-2 location of a summary.
+std::vector<UINT32> Summary(const AbInfo *Info) {
+  return {UINT32{Info->PointerEntryCount}, UINT32(Info->ActiveCount), UINT32(Info->InactiveCount),
+          UINT32(Info->PrimaryIndex), UINT32{Info->Primary.Priority}, UINT32{Info->Primary.Level2Location},
+          UINT32(Info->SecondaryIndex), UINT32{Info->Secondary.Priority}, UINT32{Info->Secondary.Level2Location}};
+}
+
 class PspTree : public PspFixture {
 protected:
   PspImage::PspTree Use(UINT32 Signature, const PspTreeOptions &Options) {
@@ -150,15 +157,7 @@ TEST_F(PspAbCopies, KindOneHigherPriorityCopyIsPrimary) {
   Place(B);
   const AbInfo *Info = nullptr;
   ASSERT_TRUE(BuildAbInfo(Level1.data(), &Info));
-  EXPECT_EQ(UINT32{Info->PointerEntryCount}, 3u);
-  EXPECT_EQ(Info->ActiveCount, 3);
-  EXPECT_EQ(Info->InactiveCount, 0);
-  EXPECT_EQ(Info->PrimaryIndex, 1);
-  EXPECT_EQ(UINT32{Info->Primary.Priority}, 5u);
-  EXPECT_EQ(UINT32{Info->Primary.Level2Location}, 0xFFF85000u);
-  EXPECT_EQ(Info->SecondaryIndex, 2);
-  EXPECT_EQ(UINT32{Info->Secondary.Priority}, 5u);
-  EXPECT_EQ(UINT32{Info->Secondary.Level2Location}, 0xFFF86000u);
+  EXPECT_EQ(Summary(Info), (std::vector<UINT32>{3, 3, 0, 1, 5, 0xFFF85000, 2, 5, 0xFFF86000}));
 }
 
 // With A and B copies, a type the selected "$BL2" lacks is not found, even when a "$BHD"
@@ -205,15 +204,9 @@ TEST_F(PspAbCopies, KindTwoHeadersOfAnotherSocAreInactive) {
                                                     {kTypeCopyB, 32, 0xFFF83200}}));
   const AbInfo *Info = nullptr;
   ASSERT_TRUE(BuildAbInfo(Level1.data(), &Info));
-  EXPECT_EQ(UINT32{Info->PointerEntryCount}, 3u);
-  ASSERT_EQ(Info->ActiveCount, 1);
-  EXPECT_EQ(Info->Active[0], 1);
-  ASSERT_EQ(Info->InactiveCount, 2);
-  EXPECT_EQ(Info->Inactive[0], 0);
-  EXPECT_EQ(Info->Inactive[1], 2);
-  EXPECT_EQ(Info->PrimaryIndex, 1);
-  EXPECT_EQ(UINT32{Info->Primary.Level2Location}, 0xFFF85000u);
-  EXPECT_EQ(Info->SecondaryIndex, 2);
+  std::vector<UINT32> Got = Summary(Info);
+  EXPECT_EQ(std::vector<UINT32>(Got.begin(), Got.begin() + 7), (std::vector<UINT32>{3, 1, 2, 1, 1, 0xFFF85000, 2}));
+  EXPECT_EQ((std::vector<int>{Info->Active[0], Info->Inactive[0], Info->Inactive[1]}), (std::vector<int>{1, 0, 2}));
 }
 
 TEST_F(PspAbCopies, SummaryFailures) {
@@ -386,27 +379,27 @@ TEST_F(PspLevel1, UnknownSocAndMissingBiosPointer) {
 
 using PspDirectoryCache = PspTree;
 
-TEST_F(PspDirectoryCache, ValidCopiesServeLaterLookups) {
-  PspImage::PspTree Tree = Use(kSigRow3Kind2, {});
-  ExpectEntry(Tree.Find(kTypeApcb), "first lookup");
-  std::memset(Chip(0xF80000), 0xFF, 0x8000);  // the tree is gone from flash
-  ExpectEntry(Tree.Find(kTypeApob), "served from the caches");
-
-  VOID *Cached = nullptr;
-  ASSERT_TRUE(GetHeapBuffer(41021, kDirectoryBufferSize, &Cached));
-  static_cast<UINT8 *>(Cached)[8] ^= 1;  // a cached "$PSP" that no longer validates is read again
-  EXPECT_FALSE(BiosEntry(kTypeApcb).Ok);
-}
-
-TEST_F(PspDirectoryCache, WithoutCachingEveryLookupReadsTheFlash) {
-  gConfig.PcdPspDirectorySwitch = 0;
-  PspImage::PspTree Tree = Use(kSigRow3Kind2, {});
-  ExpectEntry(Tree.Find(kTypeApcb), "first lookup");
-  std::memset(Chip(0xF80000), 0xFF, 0x8000);
-  EXPECT_FALSE(BiosEntry(kTypeApcb).Ok);
-  for (UINTN Index = 0; Index < mHeapBufferCount; Index++) {
-    EXPECT_TRUE(mHeapBuffers[Index].Handle < 41020 || mHeapBuffers[Index].Handle > 41024)
-        << "cache buffer " << mHeapBuffers[Index].Handle << " created";
+TEST_F(PspDirectoryCache, ValidCopiesServeLaterLookupsAndWithoutCachingEveryLookupReadsTheFlash) {
+  for (UINT8 Switch : {1, 0}) {
+    SCOPED_TRACE(int(Switch));
+    gConfig.PcdPspDirectorySwitch = Switch;
+    ForgetBufferStore();
+    PspImage::PspTree Tree = Use(kSigRow3Kind2, {});
+    ExpectEntry(Tree.Find(kTypeApcb), "first lookup");
+    std::memset(Chip(0xF80000), 0xFF, 0x8000);  // the tree is gone from flash
+    if (Switch == 0) {
+      EXPECT_FALSE(BiosEntry(kTypeApcb).Ok);
+      for (UINTN Index = 0; Index < mHeapBufferCount; Index++) {
+        EXPECT_TRUE(mHeapBuffers[Index].Handle < 41020 || mHeapBuffers[Index].Handle > 41024)
+            << "cache buffer " << mHeapBuffers[Index].Handle << " created";
+      }
+      continue;
+    }
+    ExpectEntry(Tree.Find(kTypeApob), "served from the caches");
+    VOID *Cached = nullptr;
+    ASSERT_TRUE(GetHeapBuffer(41021, kDirectoryBufferSize, &Cached));
+    static_cast<UINT8 *>(Cached)[8] ^= 1;  // a cached "$PSP" that no longer validates is read again
+    EXPECT_FALSE(BiosEntry(kTypeApcb).Ok);
   }
 }
 
