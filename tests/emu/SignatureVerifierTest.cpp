@@ -78,9 +78,4 @@ TEST_F(SignatureVerifierTest, NullPointersAndMissingKeysAreAnsweredBeforeAnyChec
   EXPECT_EQ(Verifier->Verify(Data.data(), Data.size(), Signature.data(), Signature.size(), 0), EFI_NOT_FOUND);
 }
 
-TEST_F(SignatureVerifierTest, InstalledOnlyWhenAsked) {
-  Install.SignatureVerifier = FALSE;
-  EXPECT_EQ(Locate(), nullptr);
-}
-
 }  // namespace

@@ -136,23 +136,6 @@ TEST_F(ImageQuery, DefaultImageThroughBothTablesByteForByte) {
   EXPECT_EQ(mFlashInfo.BlockCount, 256u);
 }
 
-TEST_F(ImageQuery, FirstTableReblocksOtherGeometriesThroughTheProduct) {
-  Platform->FlashPlatform.BlockSize = 0x20000;
-  Start();
-  BiosImageQueryRecord Record = QueryAgain(mBiosImageInterface2);
-  EXPECT_EQ(Record.BlockSize, 0x20000u);
-  EXPECT_EQ(Record.BlockCount, 128u);
-  Record = QueryAgain(mBiosImageInterface);
-  EXPECT_EQ(Record.BlockSize, 0x1000u);
-  EXPECT_EQ(Record.BlockCount, 4096u);
-}
-
-TEST_F(ImageQuery, NullRecordIsRefusedBeforeAnythingHappens) {
-  Start();
-  EXPECT_EQ(mBiosImageInterface->BiosQueryImage(mBiosImageInterface, nullptr, 0, 0), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(Platform->CallCount, 0u);
-}
-
 // ---- Gates ------------------------------------------------------------------------------
 
 struct GateCase {
@@ -256,12 +239,6 @@ INSTANTIATE_TEST_SUITE_P(
         MarkerCase{"NoVolume", "", true, true, nullptr, 0}),
     [](const auto &Info) { return std::string(Info.param.Name); });
 
-TEST_F(ImageQuery, BootBlockAddressOutsideTheMappedFlashHoldsNoVolume) {
-  Platform->Config->BootBlockFvAddress = 0x1000;
-  StartAndQuery();
-  EXPECT_EQ(Calls("BootBlockHandleMarker"), 0u);
-}
-
 // ---- BIOS ID ----------------------------------------------------------------------------
 
 // Each row changes the BIOS-ID area or its flash, then queries once.
@@ -339,15 +316,6 @@ TEST_F(ImageQuery, FiveAndFiveTerminatedListsReportTheEightRealOnes) {
   EXPECT_EQ(Record.SkipRegions[9].Pages, 0u);
 }
 
-TEST_F(ImageQuery, TenRealRegionsAreAllReportedInOrder) {
-  SetSkipLists(Ranges(0x900000, 6, false), Ranges(0x100000, 4, false));
-  BiosImageQueryRecord Record = StartAndQuery();
-  ASSERT_EQ(Record.SkipRegionCount, 10u);
-  for (UINT8 Index = 1; Index < 10; Index++) {
-    EXPECT_LT(Record.SkipRegions[Index - 1].Start, Record.SkipRegions[Index].Start);
-  }
-}
-
 TEST_F(ImageQuery, LengthsBecomeWholePagesAndEqualStartsFollowTheExchangeSort) {
   SetSkipLists({{0x3000, 0x1000}, {0x5000, 0x3000}, {0x1000, 0x1FFF}}, {{0x5000, 0x2000}});
   // Collected as always-list first: {5000,2} {3000,1} {5000,3} {1000,1}; the exchange sort
@@ -370,14 +338,6 @@ TEST_F(ImageQuery, HftVariableSelectsTheHftModeOnceAndDropsTheNormalList) {
   Record = QueryAgain(mBiosImageInterface);
   EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeNormal)) << "a second query finds no HFT";
   EXPECT_EQ(Record.SkipRegionCount, 3u);
-}
-
-TEST_F(ImageQuery, HftVariableThatCannotBeReadMeansANormalUpdate) {
-  PutHft(1);
-  Sim.FailGetVariable(u"HFT", EFI_DEVICE_ERROR);
-  StartAndQuery();
-  EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeNormal));
-  EXPECT_NE(Hft(), nullptr);
 }
 
 TEST_F(ImageQuery, RecoveryBootDropsTheNormalListAndStartsAtObb) {
@@ -418,17 +378,6 @@ TEST_F(ImageQuery, CapabilityBitsSelectTheNotificationAndThePostQueryCall) {
     EXPECT_EQ(Calls("PostQuery"), Row.PostQuery) << int(Row.Capabilities);
   }
   EXPECT_TRUE(mLowerFlashWritable) << "the lower-flash permission is asked whatever the capabilities";
-}
-
-TEST_F(ImageQuery, MissingHelperProtocolsAreSkippedAndTheLowerFlashFlagKeepsItsValue) {
-  Install.QueryNotify = FALSE;
-  Install.LowerFlashAccess = FALSE;
-  Install.PostQuery = FALSE;
-  Start();
-  mLowerFlashWritable = TRUE;
-  QueryAgain(mBiosImageInterface);
-  EXPECT_TRUE(mLowerFlashWritable);
-  EXPECT_EQ(Calls("IsLowerFlashWritable"), 0u);
 }
 
 }  // namespace

@@ -152,45 +152,6 @@ TEST(ImageSigner, WritesEmbeddedSignaturesThatVerifyAndChangesNothingElse) {
   EXPECT_EQ(static_cast<uint8_t>(FileSum + R.Image[SignatureFile + 17]), 0) << "signature file data checksum";
 }
 
-TEST(ImageSigner, DetachedSignatureDependsOnEverythingButTheExcludedArea) {
-  const Bytes Image = Compose().Image;
-  Bytes OtherExcluded = Image;
-  std::fill_n(OtherExcluded.begin() + static_cast<ptrdiff_t>(kExcludedOffset), kReferenceConfig.SignatureExcludedSize,
-              0x00);
-  Bytes ByteOutside = Image;
-  ByteOutside[kExcludedOffset + kReferenceConfig.SignatureExcludedSize] ^= 1;
-  Bytes ByteBefore = Image;
-  ByteBefore[kExcludedOffset - 1] ^= 1;
-
-  const SignResult Base = Sign(Image);
-  ASSERT_TRUE(Base.Ok) << Base.Error;
-  EXPECT_EQ(Sign(OtherExcluded).Detached, Base.Detached);
-  EXPECT_NE(Sign(ByteOutside).Detached, Base.Detached);
-  EXPECT_NE(Sign(ByteBefore).Detached, Base.Detached);
-  EXPECT_EQ(Sign(OtherExcluded).Image[kExcludedOffset], 0x00) << "the excluded area itself is kept";
-}
-
-TEST(ImageSigner, StepsWithoutTheirStructureAreSkippedAndTheDetachedSignatureIsStillMade) {
-  const struct {
-    const char *Name;
-    Composition C;
-    bool FvWritten, MapWritten;
-  } Rows[] = {
-      {"no volume", {.Volume = false}, false, true},
-      {"no flash map", {.Map = false}, true, false},
-      {"flash map at image offset 0", {.MapOffset = 0}, true, false},
-      {"region 5 entry missing", {.RegionEntries = 4}, true, false},
-  };
-  for (const auto &Row : Rows) {
-    const SignResult R = Sign(Compose(Row.C).Image);
-    ASSERT_TRUE(R.Ok) << Row.Name << ": " << R.Error;
-    EXPECT_EQ(R.Report.FvSignatureWritten, Row.FvWritten) << Row.Name;
-    EXPECT_EQ(R.Report.FlashMapSignatureWritten, Row.MapWritten) << Row.Name;
-    EXPECT_NE(R.Report.Skipped, "") << Row.Name;
-    EXPECT_TRUE(Verifies(Blanked(R.Image), R.Detached)) << Row.Name;
-  }
-}
-
 TEST(ImageSigner, MalformedStructuresAndBadKeysFailWithTheImageUnchanged) {
   const struct {
     const char *Name;
