@@ -321,24 +321,6 @@ INSTANTIATE_TEST_SUITE_P(
                                     SignalComplete}),
     [](const auto &Info) { return std::string(Info.param.Name); });
 
-TEST_F(CallbackHubTest, DebugCodeHookIsOffInTheReferenceBuildAndHandsTheCodeOverIn12Bytes) {
-  UINT32 Handled = 9;
-  EXPECT_EQ(SignalDebugCodeHook(0xF1, &Handled), EFI_SUCCESS);
-  EXPECT_EQ(Handled, 0u);
-  EXPECT_EQ(HookFind(&gDebugCodeHookGuid), nullptr);
-
-  gConfig.DebugCodeHookEnabled = TRUE;
-  Signalled = gDebugCodeHookGuid;
-  Register(Signalled, 0, 1);
-  Behaviours[1].SetStatus = kHookAnswerTaken;
-  EXPECT_EQ(SignalDebugCodeHook(0xF1, &Handled), EFI_SUCCESS);
-  ASSERT_EQ(Calls.size(), 1u);
-  UINT32 Fields[3] = {};
-  std::memcpy(Fields, Calls[0].Bytes, sizeof(Fields));
-  EXPECT_EQ(std::to_array(Fields), (std::array<UINT32, 3>{12, 0, 0xF1}));
-  EXPECT_EQ(Handled, kHookAnswerTaken);
-}
-
 // ---- Finding or publishing the registry ------------------------------------------------------
 
 class CallbackHubStart : public PlatformFixture {
@@ -377,14 +359,6 @@ TEST_F(CallbackHubStart, InsideSmmTheRegistryComesFromTheSmmDatabase) {
   TestRecord Record = {sizeof(TestRecord), 0, 0};
   EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
   EXPECT_EQ(Shared.Flink, reinterpret_cast<LIST_ENTRY *>(reinterpret_cast<UINT8 *>(HookFind(&kTestHook)) + 8));
-}
-
-TEST_F(CallbackHubStart, InsideSmmTheFirstDriverPublishesThroughTheSmmInstaller) {
-  Install.CallbackHub = FALSE;
-  Sim.InstallSmmBase2(TRUE);
-  EXPECT_EQ(RunConstructor(), EFI_SUCCESS);
-  EXPECT_EQ(Sim.SmmInterface(gCallbackHubProtocolGuid), mCallbackHub);
-  EXPECT_TRUE(Sim.HandlesWith(gCallbackHubProtocolGuid).empty()) << "not in the boot-services database";
 }
 
 }  // namespace

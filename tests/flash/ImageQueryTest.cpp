@@ -187,16 +187,6 @@ TEST_F(ImageQuery, BootBlockHobDefersTheEcUpdateWhenTheEcStateWordsAreSet) {
   EXPECT_FALSE(mEcUpdateDeferred);
 }
 
-// With the boot-block feature off, neither the EC state words nor the marker are consulted.
-TEST_F(ImageQuery, WithoutTheBootBlockFeatureNoDeferralAndNoMarker) {
-  Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, 0);
-  BootBlockUpdateHob = false;
-  Platform->Config->EcImageSize = 0x20000;
-  StartAndQuery();
-  EXPECT_FALSE(mEcUpdateDeferred);
-  EXPECT_EQ(Calls("BootBlockHandleMarker"), 0u);
-}
-
 // ---- Boot-block marker ------------------------------------------------------------------
 
 struct MarkerCase {
@@ -233,8 +223,6 @@ INSTANTIATE_TEST_SUITE_P(
         MarkerCase{"BeforeOkMarker", std::string("ZQ BB BFR OK", 13), false, false, nullptr, 0},
         MarkerCase{"FailMarker", std::string("ZQ BB FAIL", 11), false, false, nullptr, 0},
         MarkerCase{"FailMarkerFollowedByAnotherByte", "ZQ BB FAILX", false, false, nullptr, 1},
-        MarkerCase{"OkMarkerFollowedByAnotherByte", "ZQ BB BFR OK!", false, false, nullptr, 1},
-        MarkerCase{"SignatureWithoutAFileSystemGuid", "", true, false, nullptr, 1},
         MarkerCase{"Ffs3GuidWithoutTheSignature", "", false, true, &gEfiFirmwareFileSystem3Guid, 1},
         MarkerCase{"NoVolume", "", true, true, nullptr, 0}),
     [](const auto &Info) { return std::string(Info.param.Name); });

@@ -71,14 +71,11 @@ const ShapeCase kShapes[] = {
     {"PlainNarrowWindow", kSigRow13Narrow, TreeShape::Plain, 0xBC090000, 0x18, false, false},
     {"PlainWideWindowOffsets", kSigRow9Plain, TreeShape::Plain, 0xBC0B0D00, 0x28, false, true},
     {"PlainLevel2", kSigRow17Plain, TreeShape::PlainLevel2, 0xBC0B0500, 0x20, false, false},
-    {"PlainLevel2Offsets", kSigRow9Plain, TreeShape::PlainLevel2, 0xBC0B0D00, 0x28, false, true},
     {"Combo", kSigRow7Combo, TreeShape::Combo, 0xBC0C0140, 0x28, false, false},
-    {"ComboFamily17", kSigRow12Combo, TreeShape::Combo, 0xBC0C0000, 0x28, false, true},
     {"AbPair", kSigRow9Plain, TreeShape::AbPair, 0xBC0B0D00, 0x28, false, false},
     {"AbPairSixteenBit", kSigRow22Sixteen, TreeShape::AbPair, 0xBC0D0600, 0, true, false},
     {"AbKind1", kSigRow10Kind1, TreeShape::AbKind1, 0xBC0B0800, 0, false, false},
     {"AbKind2", kSigRow3Kind2, TreeShape::AbKind2, 0xBC0D0400, 0, false, false},
-    {"AbKind2Offsets", kSigRow3Kind2, TreeShape::AbKind2, 0xBC0D0400, 0, false, true},
     {"AbKind2SixteenBit", kSigRow22Sixteen, TreeShape::AbKind2, 0xBC0D0600, 0, true, false},
 };
 
@@ -192,23 +189,6 @@ TEST_F(PspAbCopies, ATypeMissingFromTheSelectedCopyIsNotLookedForInBhd) {
   }
 }
 
-TEST_F(PspAbCopies, KindTwoHeadersOfAnotherSocAreInactive) {
-  SelectSoc(kSigRow3Kind2);
-  PspImageBuilder B;
-  B.Put(0xF83000, PspImage::AbHeaderKind2(1, 0xFFF84000, 0xBC0D0300));  // another SoC's copy
-  B.Put(0xF83100, PspImage::AbHeaderKind2(1, 0xFFF85000, 0xBC0D0400));
-  B.Put(0xF83200, PspImage::AbHeaderKind2(0, 0xFFF86000, 0xBC0D0400));
-  Place(B);
-  auto Level1 = HeldDirectory(PspDirectory("$PSP", {{kTypeCopyA, 32, 0xFFF83000},
-                                                    {kTypeCopyA, 32, 0xFFF83100},
-                                                    {kTypeCopyB, 32, 0xFFF83200}}));
-  const AbInfo *Info = nullptr;
-  ASSERT_TRUE(BuildAbInfo(Level1.data(), &Info));
-  std::vector<UINT32> Got = Summary(Info);
-  EXPECT_EQ(std::vector<UINT32>(Got.begin(), Got.begin() + 7), (std::vector<UINT32>{3, 1, 2, 1, 1, 0xFFF85000, 2}));
-  EXPECT_EQ((std::vector<int>{Info->Active[0], Info->Inactive[0], Info->Inactive[1]}), (std::vector<int>{1, 0, 2}));
-}
-
 TEST_F(PspAbCopies, SummaryFailures) {
   auto Level1 = HeldDirectory(PspDirectory("$PSP", {{kTypeCopyA, 16, 0xFFF83000}, {kTypeCopyB, 16, 0xFFF83100}}));
   const AbInfo *Info = nullptr;
@@ -300,21 +280,6 @@ TEST_F(PspLevel1, Level2PspEntriesMatchTypeSubProgramAndSelectorBits) {
     ASSERT_TRUE(GetPspL2Entry(Row.Wanted, 0xFFF84000, &Location, &Size)) << std::hex << Row.Wanted;
     EXPECT_EQ(Location, Row.Location) << std::hex << Row.Wanted;
   }
-}
-
-TEST_F(PspLevel1, ComboWithoutThisSocFailsPspValidation) {
-  SelectSoc(kSigRow7Combo);
-  PspImageBuilder B;
-  B.Put(0x20000, Efs({.PspDirectory = 0xFFF80000, .ComboBiosDirectory = 0xFFF82000}));
-  B.Put(0xF80000, ComboDirectory("2PSP", {{0xBC0A0100, 0xFFF88000}}));
-  B.Put(0xF88000, PspDirectory("$PSP", {{0x01, 0x100, 0xFFF8C000}}));
-  B.Put(0xF82000, ComboDirectory("2BHD", {{0xBC0A0100, 0xFFF8A000}}));
-  B.Put(0xF8A000, BiosDirectory("$BHD", {{0x60, 0x100, 0xFFF90000, 0}}));
-  Place(B);
-  const UINT8 *Directory = nullptr;
-  EXPECT_FALSE(GetPspDirectory(&Directory));
-  EXPECT_FALSE(GetBiosDirectory(&Directory)) << "the combo directory itself is no \"$BHD\"";
-  EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22011388});
 }
 
 TEST_F(PspLevel1, KindTwoSocTriesTheAlternatePspDirectory) {

@@ -183,7 +183,6 @@ TEST_F(SecuritySettingsWrite, RetriesUpToOneHundredTimesAndReportsSuccessWhateve
   };
   const Case Cases[] = {
       {"erase never succeeds: no write after a failed erase", 1000, false, 100, 0, 'u'},
-      {"write never succeeds", 0, true, 100, 100, 'e'},
       {"erase succeeds at the fourth attempt", 3, false, 4, 1, 'w'},
   };
   StartWithFlags(true, false);
@@ -239,7 +238,6 @@ TEST_F(SecuritySettingsRecover, WithoutAUsableBackupClearsTheBlockAndResets) {
   const Case Cases[] = {
       {"no backup magic", MakeSettingsRecord(kIntegrityWordChecksum, false), true},
       {"backup with a wrong seal", Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x40), true},
-      {"erased backup", SettingsBytes(kSecuritySettingsSize, 0xFF), true},
       {"good backup but writes refused", MakeSettingsRecord(kIntegrityWordChecksum), false},
   };
   StartWithFlags(true, true);
@@ -328,24 +326,6 @@ TEST_F(SecuritySettingsSave, ABlockWithoutMagicGetsItSoTheFollowingWriteWritesTh
 
   EXPECT_EQ(WriteSecuritySettings(Copy), EFI_SUCCESS);
   EXPECT_EQ(std::memcmp(Live() + kBackupMagicOffset, "$zqBKSEC", 8), 0);
-}
-
-TEST_F(SecuritySettingsSave, ReusesTheCallersPageAndKeepsAnEmptyBlockEmptyButForMagicAndFlags) {
-  StartWithFlags(true, true);
-  LoadLive(SettingsBytes(kSecuritySettingsSize, 0));
-  EFI_PHYSICAL_ADDRESS Page = 0;
-  ASSERT_EQ(gBS->AllocatePages(AllocateAnyPages, EfiRuntimeServicesData, 1, &Page), EFI_SUCCESS);
-  Copy = reinterpret_cast<UINT8 *>(Page);
-  UINT8 *Given = Copy;
-  Sim.FailAllocationAfter(1);  // no further page may be taken
-
-  ASSERT_EQ(SaveSecuritySettings(&Copy), EFI_SUCCESS) << "the empty block is not ready, not damaged";
-  EXPECT_EQ(Copy, Given);
-  EXPECT_EQ(Sim.ResetCount(), 0u);
-  EXPECT_EQ(std::memcmp(Copy + kBackupMagicOffset, "$zqBKSEC", 8), 0);
-  EXPECT_TRUE(std::all_of(Copy, Copy + kBackupMagicOffset, [](UINT8 Byte) { return Byte == 0; }));
-  EXPECT_EQ(Copy[kPlatformSecurityByte3Offset], EmuSettings::kField19Value);
-  Sim.FailAllocationAfter(0);
 }
 
 TEST_F(SecuritySettingsSave, RefusesWithoutBackupSupportOrMemoryAndResetsOverADamagedBlock) {
