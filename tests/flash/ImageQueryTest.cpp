@@ -78,13 +78,6 @@ protected:
     return List;
   }
   size_t Calls(const char *Name) const { return Platform->CountCalls(Name); }
-  std::vector<std::string> CallNames() const {
-    std::vector<std::string> Names;
-    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
-      Names.push_back(Platform->Calls[Index].Name);
-    }
-    return Names;
-  }
   const SimVariable *Hca() const { return Sim.FindVariable(u"HCA", gPlatformVariableGuid); }
   const SimVariable *Hft() const { return Sim.FindVariable(u"HFT", gPlatformVariableGuid); }
 };

@@ -36,13 +36,6 @@ protected:
     }
     return Result;
   }
-  std::vector<std::string> CallNames() const {
-    std::vector<std::string> Names;
-    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
-      Names.push_back(Platform->Calls[Index].Name);
-    }
-    return Names;
-  }
 
   UINT8 *FlashAt(UINT32 Address) { return Platform->Flash.Bytes() + (Address - Platform->FlashBaseAddress); }
   void NameImage(UINT32 Address) {

@@ -90,13 +90,6 @@ public:
     Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
   }
 
-  std::vector<std::string> CallNames() const {
-    std::vector<std::string> Names;
-    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
-      Names.push_back(Platform->Calls[Index].Name);
-    }
-    return Names;
-  }
   bool ResetPortWritten() const {
     const EmuPortAccess &Last = Platform->PortLog[Platform->PortLogCount - 1];
     return Platform->ResetCount == 1 && Last.Port == 0xCF9 && Last.Write && Last.Value == 0x0E;
