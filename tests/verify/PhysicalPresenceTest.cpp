@@ -174,25 +174,6 @@ TEST(PhysicalPresenceLocator, TheNewerLayoutAcceptsOnlyTheStartsOfItsFieldsAnyOt
   EXPECT_EQ(PlatformSettingLocator(nullptr), nullptr);
 }
 
-TEST_F(PhysicalPresence, ANewerSetupRecordIsReadAtTheFieldItNames) {
-  UINT8 *Setup = Platform->Settings.SetupRecord;
-  std::memcpy(Setup, &gPlatformSetupLayoutGuid, sizeof(EFI_GUID));
-  Setup[0x26] = 0x10;  // 1040
-  Setup[0x27] = 0x04;
-  Setup[87] = 0x00;
-  Setup[1040] = 0x04;
-  PublishTcg({0x01});
-  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_SUCCESS);
-
-  Setup[1040] = 0x00;
-  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_UNSUPPORTED) << "the named field is off";
-
-  Setup[0x26] = 0x2C;  // 300 is no field start: the record's first byte (0x9C, bit 2 set) is read
-  Setup[0x27] = 0x01;
-  ASSERT_EQ(Setup[0] & 0x04, 0x04);
-  EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), EFI_SUCCESS);
-}
-
 // ---- In SMM ----------------------------------------------------------------------------------
 class PhysicalPresenceSmm : public PhysicalPresence {
 protected:

@@ -152,19 +152,6 @@ TEST_F(UpdateStaging, SystemPartitionGetsFilesInEfiZqOnlyAndThePlatformIsNotifie
   EXPECT_TRUE(ResetPortWritten());
 }
 
-TEST_F(UpdateStaging, FileNamesComeFromTheBiosIdUpToItsFirstZeroByte) {
-  AddSmbios(0);
-  SimVolume &Tools = AddToolsVolume({u"ZQ"});
-  const std::pair<Bytes, std::u16string> Cases[] = {
-      {{0, 0, 0, 0, 0}, u""}, {{'A', 'B', 0, 'C', 'D'}, u"AB"}, {{'Z', 'Q', '4', '2', 'B'}, u"ZQ42B"}};
-  for (const auto &[Id, Name] : Cases) {
-    std::memcpy(mBiosId, Id.data(), kBiosIdLength);
-    EXPECT_EQ(Stage(), std::nullopt);
-    EXPECT_EQ(Tools.Files()[u"ZQ\\BIOS\\New\\" + Name + u".bin"], Image);
-    EXPECT_EQ(Tools.Files()[u"ZQ\\BIOS\\New\\" + Name + u".sig"], Signature);
-  }
-}
-
 TEST_F(UpdateStaging, DirectoryPathCreatesEachMissingLevelAndStopsAtTheFirstFailure) {
   SimVolume &Volume = AddVolume(false, false, u"");
   Volume.AddDirectory(u"A");
@@ -219,7 +206,6 @@ std::function<void(UpdateStaging &)> Plain(std::function<void(UpdateStaging &, S
 const StagingRow kRows[] = {
     // The tool's flavour from the BIOS Information characteristics.
     {"Bit54AlonePicksBiosMgmt", ToolWith(kBit54, kAltTool), std::nullopt},
-    {"Bit54AloneDoesNotFindZqBiosMgmt", ToolWith(kBit54, kZqTool), EFI_NO_MEDIA},
     {"Bits53And54PickZqBiosMgmt", ToolWith(kBit53 | kBit54, kZqTool), std::nullopt},
     // Volume classes.
     {"RemovableOtherLabelMarkedUsesEfiZq",
@@ -260,9 +246,6 @@ const StagingRow kRows[] = {
     {"DirectoryFailingFourTimesEndsWithItsStatus",
      Plain([](UpdateStaging &, SimVolume &Volume) { Volume.FailCreate(u"ZQ\\BIOS\\New", EFI_WRITE_PROTECTED, 4); }),
      EFI_WRITE_PROTECTED},
-    {"ThreeShortReadBacksAreWrittenAgain",
-     Plain([](UpdateStaging &, SimVolume &Volume) { Volume.ReadShort(u"ZQ\\BIOS\\New\\ZQ42A.bin", 1, 3); }),
-     std::nullopt},
     {"FourShortReadBacksLeaveTheVolumeUnstaged",
      Plain([](UpdateStaging &, SimVolume &Volume) { Volume.ReadShort(u"ZQ\\BIOS\\New\\ZQ42A.sig", 1, 4); }),
      EFI_ACCESS_DENIED},
