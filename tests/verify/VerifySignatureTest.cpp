@@ -121,26 +121,6 @@ protected:
   int ResumeByte = -1;
 };
 
-TEST_F(VerifySignature, RecoveryUpdateIsAcceptedAndPrepared) {
-  RegionTracked();
-  StartWith(BOOT_IN_RECOVERY_MODE);
-  SignedImage New = NewSignedImage();
-  ASSERT_EQ(Verify(New.Image, New.Signature), EFI_SUCCESS);
-
-  ASSERT_NE(mVerifiedImage, nullptr);
-  EXPECT_TRUE(std::equal(New.Image.begin(), New.Image.end(), mVerifiedImage, mVerifiedImage + mVerifiedImageSize));
-  EXPECT_NE(mVerifiedImage, New.Image.data());
-  // The region sources point into the private copy, not into the caller's buffer.
-  EXPECT_EQ(mUpdateRegionTable[RegionIbb1].Source,
-            reinterpret_cast<UINT64>(mVerifiedImage) + EmuFlashLayout::kIbb1Address - EmuFlashLayout::kMappedBase);
-
-  // The backup volume holds the variables that survive a flash (listed by the whole update).
-  EXPECT_EQ(ParseVariableStore(Flash(kVariableBackupAddress, kVariableBackupSize), StoreHeaderForm::Vss).Variables.size(),
-            10u);
-  EXPECT_EQ(Platform->CountCalls("SetUpdateInProgress"), 1u);
-  EXPECT_EQ(Platform->UpdateStatusBlock[kUpdateStatusAcceptedOffset], 1);
-}
-
 // ---- Every refusal, and what the enforcement HOBs change -------------------------------------
 
 enum class Variant { Signed, Tampered, ForeignKey, NoSignatureFile, BadFvSignature, NoFlashMap, BadRegion, Short };
