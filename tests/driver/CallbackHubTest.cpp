@@ -212,23 +212,6 @@ TEST_F(CallbackHubTest, StopBitEndsTheWholeDispatchAndIsCleared) {
   EXPECT_EQ(Record.Status, 1u);
 }
 
-TEST_F(CallbackHubTest, EntryMarkedRemovedIsSkippedAtOnceAndFreedAfterTheSignal) {
-  UINT8 *First = Register(kTestHook, 0, 1);
-  UINT8 *Second = Register(kTestHook, 0, 2);
-  Register(kTestHook, 1, 3);
-  Behaviours[1].Remove = {First, Second};  // itself and the next one
-  size_t Before = Sim.LiveAllocations();
-  TestRecord Record = {sizeof(TestRecord), 0, 0};
-  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
-  EXPECT_EQ(Tags(), (std::vector<int>{1, 3}));
-  EXPECT_EQ(Sim.LiveAllocations(), Before - 2) << "both marked entries went back to the pool";
-  EXPECT_FALSE(Listed(reinterpret_cast<UINT8 *>(HookFind(&kTestHook)), 0, First));
-
-  Calls.clear();
-  EXPECT_EQ(HookSignal(&kTestHook, &Record), EFI_SUCCESS);
-  EXPECT_EQ(Tags(), (std::vector<int>{3}));
-}
-
 class CallbackHubNesting : public CallbackHubTest {
 protected:
   void AfterNested(HookNode *Hook) override {

@@ -86,15 +86,6 @@ TEST_P(PointerRegistrationLate, AbsentServiceIsAwaitedAndTakenWhenItAppears) {
 }
 INSTANTIATE_TEST_SUITE_P(BootOrRuntimeImage, PointerRegistrationLate, ::testing::Bool());
 
-TEST_F(PointerRegistrationTest, DestructorClosesTheWaitingNotification) {
-  Install.PointerRegistration = FALSE;
-  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
-  size_t EventsBefore = Sim.OpenEvents();
-  EXPECT_EQ(PointerRegistrationLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
-  EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1);
-}
-
 TEST_F(PointerRegistrationTest, InsideSmmNothingIsTakenAndPlatformPointersNeedTheFlashService) {
   Install.FlashService = FALSE;
   PrepareBoot();

@@ -215,19 +215,6 @@ TEST_F(BlockWrite, WritesTheLowerFlashPartOnlyWhenAllowed) {
   }
 }
 
-TEST_F(BlockWrite, SplitsABlockAroundSkipRegionsHeadFirstTailLast) {
-  StartWithImage();
-  Record.BlockSize = 0x10000;
-  Record.SkipRegionCount = 2;
-  Record.SkipRegions[0] = {0x14000, 2};
-  Record.SkipRegions[1] = {0x30000, 0x10};
-  EXPECT_EQ(Write(1, 0x10000), EFI_SUCCESS);
-  EXPECT_EQ(FlashWrites(), (Writes{{0xFF010000, 0x4000}, {0xFF016000, 0xA000}}));
-  Platform->ClearCalls();
-  EXPECT_EQ(Write(3, 0x30000), EFI_SUCCESS);
-  EXPECT_TRUE(FlashWrites().empty()) << "wholly inside a skip region";
-}
-
 TEST_F(BlockWrite, BlockZeroRestoresTheStoreUnprotectsAMovedBackupAndSignalsTheStart) {
   StartWithImage(false);
   ASSERT_EQ(BackupVariableStore(mVerifiedImage, mVerifiedImageSize), EFI_SUCCESS) << "a backup to restore from";

@@ -1,7 +1,6 @@
-// BiosVerifySignature: the reference update accepted in a recovery boot with what it prepares
-// (the private copy, the preserved variables, the progress ranges); a tampered image refused
-// before anything is written; one table of every refusal and of the signature-enforcement
-// HOBs; the excluded area; the security settings in an HFT update; the digest erasure.
+// BiosVerifySignature: one table of every refusal (a tampered image among them) and of the
+// signature-enforcement HOBs; the excluded area; the security settings in an HFT update; the
+// digest erasure. The accepted update as a whole is the whole-update scenario's.
 #include <algorithm>
 #include <functional>
 #include <map>
