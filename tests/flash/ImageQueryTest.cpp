@@ -245,10 +245,6 @@ TEST_F(ImageQuery, BiosIdNearestTheEndWinsAndAMissingOneStopsTheQuery) {
        EFI_NOT_FOUND, 1, nullptr},
       {"a read the platform fails finds nothing stale",
        [this] { Platform->Config->BiosIdAreaAddress = 0x1000; }, EFI_NOT_FOUND, 1, nullptr},
-      {"an empty area is not read", [this] { Platform->Config->BiosIdAreaSize = 0; }, EFI_NOT_FOUND, 0,
-       nullptr},
-      {"region-tracked layout with an intact PSP directory",
-       [this] { Platform->Config->Flags = kPlatformConfigAlternativeFlag; }, EFI_SUCCESS, 1, "ZQ42A"},
   };
   Start();
   const PlatformConfigProtocol Saved = *Platform->Config;
