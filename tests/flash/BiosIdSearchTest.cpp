@@ -47,9 +47,6 @@ TEST_P(ImageQueryBiosIdSearch, FindsTheRecordNearestTheEndWithinTheWindow) {
 INSTANTIATE_TEST_SUITE_P(
     Areas, ImageQueryBiosIdSearch,
     ::testing::Values(
-        SearchCase{"EmptyArea", 0, {}, nullptr},
-        SearchCase{"ExactlyOneStep", 16, {{0, "$BIDABCDE"}}, "ABCDE"},
-        SearchCase{"LastStepOfTheArea", 0x100, {{0xF0, "$BIDABCDE"}}, "ABCDE"},
         SearchCase{"NotOnAStep", 0x100, {{0x18, "$BIDABCDE"}}, nullptr},
         SearchCase{"StepsCountFromTheEndOfAnOddSize", 0x45, {{0x25, "$BIDODD_1"}, {0x30, "$BIDEVEN1"}}, "ODD_1"},
         SearchCase{"NearestTheEndWins", 0x1000, {{0x20, "$BIDFIRST"}, {0xFE0, "$BIDLAST_"}, {0x800, "$BIDMIDDL"}},

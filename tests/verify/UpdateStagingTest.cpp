@@ -152,24 +152,6 @@ TEST_F(UpdateStaging, SystemPartitionGetsFilesInEfiZqOnlyAndThePlatformIsNotifie
   EXPECT_TRUE(ResetPortWritten());
 }
 
-TEST_F(UpdateStaging, DirectoryPathCreatesEachMissingLevelAndStopsAtTheFirstFailure) {
-  SimVolume &Volume = AddVolume(false, false, u"");
-  Volume.AddDirectory(u"A");
-  EFI_FILE_PROTOCOL *Root = nullptr;
-  auto *FileSystem = static_cast<EFI_SIMPLE_FILE_SYSTEM_PROTOCOL *>(
-      Sim.InterfaceOn(Volume.Handle(), gEfiSimpleFileSystemProtocolGuid));
-  ASSERT_EQ(FileSystem->OpenVolume(FileSystem, &Root), EFI_SUCCESS);
-  Volume.FailCreate(u"A\\B\\C\\D", EFI_VOLUME_FULL, 1);
-
-  EXPECT_EQ(CreateDirectoryPath(Root, reinterpret_cast<const CHAR16 *>(u"A\\B\\C\\D")), EFI_VOLUME_FULL);
-  EXPECT_EQ(Volume.Directories(), (std::vector<std::u16string>{u"A", u"A\\B", u"A\\B\\C"}));
-  EXPECT_EQ(CreateDirectoryPath(Root, reinterpret_cast<const CHAR16 *>(u"A\\B\\C\\D")), EFI_SUCCESS);
-  EXPECT_EQ(CreateDirectoryPath(Root, reinterpret_cast<const CHAR16 *>(u"a\\b")), EFI_SUCCESS) << "exists";
-  EXPECT_EQ(Volume.Directories(), (std::vector<std::u16string>{u"A", u"A\\B", u"A\\B\\C", u"A\\B\\C\\D"}));
-  Root->Close(Root);
-  EXPECT_EQ(Volume.OpenHandles(), 0u);
-}
-
 TEST_P(UpdateStaging, Outcome) {
   const StagingRow &Row = GetParam();
   Row.Arrange(*this);
