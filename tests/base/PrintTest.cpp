@@ -52,9 +52,4 @@ TEST(Print, BufferSizeIsInBytesAndOutputAlwaysTerminated) {
   EXPECT_EQ(Ascii[0], 0);
 }
 
-TEST(Print, Utf16LiteralsAreConstantArrays) {
-  static_assert("ZQ"_u16[0] == 'Z' && "ZQ"_u16[1] == 'Q' && "ZQ"_u16[2] == 0);
-  EXPECT_EQ(Wide("\\BIOSUpdate\\BiosMgmt.efi"_u16), u"\\BIOSUpdate\\BiosMgmt.efi");
-}
-
 }  // namespace

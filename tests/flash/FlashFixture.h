@@ -79,16 +79,6 @@ protected:
     return Table->BiosQueryImage(Table, &Record, 0, 0);
   }
 
-  // Calls recorded since Start(), by name, in order.
-  std::vector<EmuCall> CallsNamed(const char *Name) const {
-    std::vector<EmuCall> Found;
-    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
-      if (std::strcmp(Platform->Calls[Index].Name, Name) == 0) {
-        Found.push_back(Platform->Calls[Index]);
-      }
-    }
-    return Found;
-  }
 
   bool UpdateAllowedHob = true;
   bool BootBlockUpdateHob = true;

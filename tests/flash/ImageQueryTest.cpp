@@ -78,13 +78,6 @@ protected:
     return List;
   }
   size_t Calls(const char *Name) const { return Platform->CountCalls(Name); }
-  std::vector<std::string> CallNames() const {
-    std::vector<std::string> Names;
-    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
-      Names.push_back(Platform->Calls[Index].Name);
-    }
-    return Names;
-  }
   const SimVariable *Hca() const { return Sim.FindVariable(u"HCA", gPlatformVariableGuid); }
   const SimVariable *Hft() const { return Sim.FindVariable(u"HFT", gPlatformVariableGuid); }
 };
@@ -134,23 +127,6 @@ TEST_F(ImageQuery, DefaultImageThroughBothTablesByteForByte) {
   EXPECT_EQ(RecordBytes(QueryAgain(mBiosImageInterface2)), Expected);
   EXPECT_EQ(mFlashInfo.BlockSize, 0x10000u);
   EXPECT_EQ(mFlashInfo.BlockCount, 256u);
-}
-
-TEST_F(ImageQuery, FirstTableReblocksOtherGeometriesThroughTheProduct) {
-  Platform->FlashPlatform.BlockSize = 0x20000;
-  Start();
-  BiosImageQueryRecord Record = QueryAgain(mBiosImageInterface2);
-  EXPECT_EQ(Record.BlockSize, 0x20000u);
-  EXPECT_EQ(Record.BlockCount, 128u);
-  Record = QueryAgain(mBiosImageInterface);
-  EXPECT_EQ(Record.BlockSize, 0x1000u);
-  EXPECT_EQ(Record.BlockCount, 4096u);
-}
-
-TEST_F(ImageQuery, NullRecordIsRefusedBeforeAnythingHappens) {
-  Start();
-  EXPECT_EQ(mBiosImageInterface->BiosQueryImage(mBiosImageInterface, nullptr, 0, 0), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(Platform->CallCount, 0u);
 }
 
 // ---- Gates ------------------------------------------------------------------------------
@@ -204,16 +180,6 @@ TEST_F(ImageQuery, BootBlockHobDefersTheEcUpdateWhenTheEcStateWordsAreSet) {
   EXPECT_FALSE(mEcUpdateDeferred);
 }
 
-// With the boot-block feature off, neither the EC state words nor the marker are consulted.
-TEST_F(ImageQuery, WithoutTheBootBlockFeatureNoDeferralAndNoMarker) {
-  Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, 0);
-  BootBlockUpdateHob = false;
-  Platform->Config->EcImageSize = 0x20000;
-  StartAndQuery();
-  EXPECT_FALSE(mEcUpdateDeferred);
-  EXPECT_EQ(Calls("BootBlockHandleMarker"), 0u);
-}
-
 // ---- Boot-block marker ------------------------------------------------------------------
 
 struct MarkerCase {
@@ -250,17 +216,9 @@ INSTANTIATE_TEST_SUITE_P(
         MarkerCase{"BeforeOkMarker", std::string("ZQ BB BFR OK", 13), false, false, nullptr, 0},
         MarkerCase{"FailMarker", std::string("ZQ BB FAIL", 11), false, false, nullptr, 0},
         MarkerCase{"FailMarkerFollowedByAnotherByte", "ZQ BB FAILX", false, false, nullptr, 1},
-        MarkerCase{"OkMarkerFollowedByAnotherByte", "ZQ BB BFR OK!", false, false, nullptr, 1},
-        MarkerCase{"SignatureWithoutAFileSystemGuid", "", true, false, nullptr, 1},
         MarkerCase{"Ffs3GuidWithoutTheSignature", "", false, true, &gEfiFirmwareFileSystem3Guid, 1},
         MarkerCase{"NoVolume", "", true, true, nullptr, 0}),
     [](const auto &Info) { return std::string(Info.param.Name); });
-
-TEST_F(ImageQuery, BootBlockAddressOutsideTheMappedFlashHoldsNoVolume) {
-  Platform->Config->BootBlockFvAddress = 0x1000;
-  StartAndQuery();
-  EXPECT_EQ(Calls("BootBlockHandleMarker"), 0u);
-}
 
 // ---- BIOS ID ----------------------------------------------------------------------------
 
@@ -287,10 +245,6 @@ TEST_F(ImageQuery, BiosIdNearestTheEndWinsAndAMissingOneStopsTheQuery) {
        EFI_NOT_FOUND, 1, nullptr},
       {"a read the platform fails finds nothing stale",
        [this] { Platform->Config->BiosIdAreaAddress = 0x1000; }, EFI_NOT_FOUND, 1, nullptr},
-      {"an empty area is not read", [this] { Platform->Config->BiosIdAreaSize = 0; }, EFI_NOT_FOUND, 0,
-       nullptr},
-      {"region-tracked layout with an intact PSP directory",
-       [this] { Platform->Config->Flags = kPlatformConfigAlternativeFlag; }, EFI_SUCCESS, 1, "ZQ42A"},
   };
   Start();
   const PlatformConfigProtocol Saved = *Platform->Config;
@@ -339,15 +293,6 @@ TEST_F(ImageQuery, FiveAndFiveTerminatedListsReportTheEightRealOnes) {
   EXPECT_EQ(Record.SkipRegions[9].Pages, 0u);
 }
 
-TEST_F(ImageQuery, TenRealRegionsAreAllReportedInOrder) {
-  SetSkipLists(Ranges(0x900000, 6, false), Ranges(0x100000, 4, false));
-  BiosImageQueryRecord Record = StartAndQuery();
-  ASSERT_EQ(Record.SkipRegionCount, 10u);
-  for (UINT8 Index = 1; Index < 10; Index++) {
-    EXPECT_LT(Record.SkipRegions[Index - 1].Start, Record.SkipRegions[Index].Start);
-  }
-}
-
 TEST_F(ImageQuery, LengthsBecomeWholePagesAndEqualStartsFollowTheExchangeSort) {
   SetSkipLists({{0x3000, 0x1000}, {0x5000, 0x3000}, {0x1000, 0x1FFF}}, {{0x5000, 0x2000}});
   // Collected as always-list first: {5000,2} {3000,1} {5000,3} {1000,1}; the exchange sort
@@ -370,14 +315,6 @@ TEST_F(ImageQuery, HftVariableSelectsTheHftModeOnceAndDropsTheNormalList) {
   Record = QueryAgain(mBiosImageInterface);
   EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeNormal)) << "a second query finds no HFT";
   EXPECT_EQ(Record.SkipRegionCount, 3u);
-}
-
-TEST_F(ImageQuery, HftVariableThatCannotBeReadMeansANormalUpdate) {
-  PutHft(1);
-  Sim.FailGetVariable(u"HFT", EFI_DEVICE_ERROR);
-  StartAndQuery();
-  EXPECT_EQ(mUpdateMode, static_cast<UINT32>(UpdateModeNormal));
-  EXPECT_NE(Hft(), nullptr);
 }
 
 TEST_F(ImageQuery, RecoveryBootDropsTheNormalListAndStartsAtObb) {
@@ -418,17 +355,6 @@ TEST_F(ImageQuery, CapabilityBitsSelectTheNotificationAndThePostQueryCall) {
     EXPECT_EQ(Calls("PostQuery"), Row.PostQuery) << int(Row.Capabilities);
   }
   EXPECT_TRUE(mLowerFlashWritable) << "the lower-flash permission is asked whatever the capabilities";
-}
-
-TEST_F(ImageQuery, MissingHelperProtocolsAreSkippedAndTheLowerFlashFlagKeepsItsValue) {
-  Install.QueryNotify = FALSE;
-  Install.LowerFlashAccess = FALSE;
-  Install.PostQuery = FALSE;
-  Start();
-  mLowerFlashWritable = TRUE;
-  QueryAgain(mBiosImageInterface);
-  EXPECT_TRUE(mLowerFlashWritable);
-  EXPECT_EQ(Calls("IsLowerFlashWritable"), 0u);
 }
 
 }  // namespace

@@ -48,91 +48,88 @@ TEST_F(PspChecksum, KnownValuesAndTheBuildersSumsAcrossBlockBoundaries) {
 
 using PspDirectoryValidation = PspFixture;
 
-TEST_F(PspDirectoryValidation, EmptyDirectoriesValidateAndLargerThanTheBufferAreRefused) {
-  Buffer Psp = Held(PspDirectory("$PSP", {}));
-  EXPECT_EQ(ReadUnaligned32(Psp.data() + 4), 0xFFFFFFFFu) << "the checksum covers count and reserved word";
-  EXPECT_TRUE(ValidatePspDirectory(Psp.data(), kPspDirectoryCookie, TRUE));
-  EXPECT_TRUE(ValidatePspDirectory(Psp.data(), kPspDirectoryCookie, FALSE));
-  EXPECT_TRUE(ValidateBiosDirectory(Held(BiosDirectory("$BHD", {})).data(), kBiosDirectoryCookie));
-
-  EXPECT_TRUE(ValidatePspDirectory(Held(PspDirectory("$PSP", Blobs(96))).data(), kPspDirectoryCookie, TRUE));
-  EXPECT_FALSE(ValidatePspDirectory(Held(PspDirectory("$PSP", Blobs(97))).data(), kPspDirectoryCookie, TRUE));
-  EXPECT_TRUE(ValidateBiosDirectory(Held(BiosDirectory("$BL2", Apcbs(64, 0xFF300000))).data(), kBiosLevel2Cookie));
-  EXPECT_FALSE(ValidateBiosDirectory(Held(BiosDirectory("$BL2", Apcbs(65, 0xFF300000))).data(), kBiosLevel2Cookie));
+// A header whose count is Count, with a checksum over what a reader of the buffer sees, so
+// that only the count is wrong.
+Buffer WithCount(std::vector<uint8_t> Good, UINT32 Count) {
+  Buffer Bad = Held(Good);
+  WriteUnaligned32(Bad.data() + 8, Count);
+  UINTN Covered = std::min<UINTN>(static_cast<UINTN>(Count) * 16 + 8, kDirectoryBufferSize - 8);
+  WriteUnaligned32(Bad.data() + 4, PspImage::Fletcher32(std::span<const uint8_t>(Bad.data() + 8, Covered)));
+  return Bad;
 }
 
-TEST_F(PspDirectoryValidation, PointerDirectoriesHoldAtMost32Entries) {
-  Buffer Full = Held(PspDirectory("$PSP", Pointers(32)));
-  EXPECT_TRUE(ValidatePspDirectory(Full.data(), kPspDirectoryCookie, TRUE));
-  Buffer Over = Held(PspDirectory("$PSP", Pointers(33)));
-  EXPECT_FALSE(ValidatePspDirectory(Over.data(), kPspDirectoryCookie, TRUE));
-  EXPECT_TRUE(ValidatePspDirectory(Over.data(), kPspDirectoryCookie, FALSE));
-  // 33 entries that are not all pointers are an ordinary directory.
-  std::vector<PspEntry> Mixed = Pointers(32);
+TEST_F(PspDirectoryValidation, SizesCountsAndHeadersOfPspAndBiosDirectories) {
+  std::vector<PspEntry> Mixed = Pointers(32);  // 33 entries not all pointers: an ordinary directory
   Mixed.push_back({0x01, 0x100, 0xFF200000});
-  Buffer Ordinary = Held(PspDirectory("$PSP", Mixed));
-  EXPECT_TRUE(ValidatePspDirectory(Ordinary.data(), kPspDirectoryCookie, TRUE));
-}
-
-TEST_F(PspDirectoryValidation, MalformedHeaders) {
-  struct Case {
+  Buffer BadSum = Held(PspDirectory("$PSP", Blobs(3)));
+  WriteUnaligned32(BadSum.data() + 4, ReadUnaligned32(BadSum.data() + 4) + 1);
+  Buffer OtherLevel = Held(PspDirectory("$PSP", Blobs(3)));
+  WriteUnaligned32(OtherLevel.data(), kPspLevel2Cookie);
+  const struct {
     const char *What;
-    UINTN Offset;
-    UINT32 Value;
-  } Cases[] = {
-      {"cookie of another level", 0, kPspLevel2Cookie},
-      {"checksum off by one", 4, 0},  // filled in below
-      {"count 513", 8, 513},
-      {"count 0xFFFFFFFF", 8, 0xFFFFFFFF},
-      {"count 0x10000001 (wraps when multiplied in 32 bits)", 8, 0x10000001},
-      {"count beyond the buffer", 8, 97},
+    Buffer Directory;
+    UINT32 Cookie;        // a BIOS cookie validates as a BIOS directory
+    BOOLEAN PointerCheck;
+    bool Valid;
+  } kRows[] = {
+      {"empty $PSP", Held(PspDirectory("$PSP", {})), kPspDirectoryCookie, TRUE, true},
+      {"empty $BHD", Held(BiosDirectory("$BHD", {})), kBiosDirectoryCookie, FALSE, true},
+      {"96 entries fill the buffer", Held(PspDirectory("$PSP", Blobs(96))), kPspDirectoryCookie, TRUE, true},
+      {"97 entries", Held(PspDirectory("$PSP", Blobs(97))), kPspDirectoryCookie, TRUE, false},
+      {"64 BIOS entries", Held(BiosDirectory("$BL2", Apcbs(64, 0xFF300000))), kBiosLevel2Cookie, FALSE, true},
+      {"65 BIOS entries", Held(BiosDirectory("$BL2", Apcbs(65, 0xFF300000))), kBiosLevel2Cookie, FALSE, false},
+      {"32 pointers", Held(PspDirectory("$PSP", Pointers(32))), kPspDirectoryCookie, TRUE, true},
+      {"33 pointers", Held(PspDirectory("$PSP", Pointers(33))), kPspDirectoryCookie, TRUE, false},
+      {"33 pointers, no pointer check", Held(PspDirectory("$PSP", Pointers(33))), kPspDirectoryCookie, FALSE, true},
+      {"32 pointers and a blob", Held(PspDirectory("$PSP", Mixed)), kPspDirectoryCookie, TRUE, true},
+      {"cookie of another level", OtherLevel, kPspDirectoryCookie, FALSE, false},
+      {"checksum off by one", BadSum, kPspDirectoryCookie, FALSE, false},
+      {"count 513", WithCount(PspDirectory("$PSP", Blobs(3)), 513), kPspDirectoryCookie, FALSE, false},
+      {"count 0xFFFFFFFF", WithCount(PspDirectory("$PSP", Blobs(3)), 0xFFFFFFFF), kPspDirectoryCookie, FALSE, false},
+      {"count 0x10000001 (wraps in 32 bits)", WithCount(PspDirectory("$PSP", Blobs(3)), 0x10000001),
+       kPspDirectoryCookie, FALSE, false},
+      {"count 97", WithCount(PspDirectory("$PSP", Blobs(3)), 97), kPspDirectoryCookie, FALSE, false},
   };
-  std::vector<uint8_t> Good = PspDirectory("$PSP", Blobs(3));
-  for (Case C : Cases) {
-    Buffer Bad = Held(Good);
-    if (C.Offset == 4) {
-      C.Value = ReadUnaligned32(Bad.data() + 4) + 1;
-    }
-    WriteUnaligned32(Bad.data() + C.Offset, C.Value);
-    if (C.Offset == 8) {  // a consistent checksum, so that only the count is wrong
-      UINTN Covered = std::min<UINTN>(static_cast<UINTN>(C.Value) * 16 + 8, kDirectoryBufferSize - 8);
-      WriteUnaligned32(Bad.data() + 4, PspImage::Fletcher32(std::span<const uint8_t>(Bad.data() + 8, Covered)));
-    }
-    EXPECT_FALSE(ValidatePspDirectory(Bad.data(), kPspDirectoryCookie, FALSE)) << C.What;
+  for (const auto &Row : kRows) {
+    const bool IsBios = Row.Cookie == kBiosDirectoryCookie || Row.Cookie == kBiosLevel2Cookie;
+    EXPECT_EQ(IsBios ? ValidateBiosDirectory(Row.Directory.data(), Row.Cookie)
+                     : ValidatePspDirectory(Row.Directory.data(), Row.Cookie, Row.PointerCheck),
+              Row.Valid)
+        << Row.What;
   }
+  EXPECT_EQ(ReadUnaligned32(kRows[0].Directory.data() + 4), 0xFFFFFFFFu) << "the sum covers count and reserved word";
   EXPECT_FALSE(ValidatePspDirectory(nullptr, kPspDirectoryCookie, FALSE));
   EXPECT_FALSE(ValidateBiosDirectory(nullptr, kBiosDirectoryCookie));
 }
 
 TEST_F(PspDirectoryValidation, EverySingleBitFlipIsCaught) {
-  std::vector<uint8_t> Psp = PspDirectory("$PSP", Blobs(5));
-  for (size_t Bit = 0; Bit < Psp.size() * 8; Bit++) {
-    Buffer Bad = Held(Psp);
-    Bad[Bit / 8] ^= static_cast<UINT8>(1u << (Bit % 8));
-    EXPECT_FALSE(ValidatePspDirectory(Bad.data(), kPspDirectoryCookie, FALSE)) << "bit " << Bit;
-  }
-  std::vector<uint8_t> Bios = BiosDirectory("$BHD", Apcbs(4, 0xFF300000));
-  for (size_t Bit = 0; Bit < Bios.size() * 8; Bit++) {
-    Buffer Bad = Held(Bios);
-    Bad[Bit / 8] ^= static_cast<UINT8>(1u << (Bit % 8));
-    EXPECT_FALSE(ValidateBiosDirectory(Bad.data(), kBiosDirectoryCookie)) << "bit " << Bit;
+  for (const bool Bios : {false, true}) {
+    const std::vector<uint8_t> Good = Bios ? BiosDirectory("$BHD", Apcbs(4, 0xFF300000)) : PspDirectory("$PSP", Blobs(5));
+    for (size_t Bit = 0; Bit < Good.size() * 8; Bit++) {
+      Buffer Bad = Held(Good);
+      Bad[Bit / 8] ^= static_cast<UINT8>(1u << (Bit % 8));
+      EXPECT_FALSE(Bios ? ValidateBiosDirectory(Bad.data(), kBiosDirectoryCookie)
+                        : ValidatePspDirectory(Bad.data(), kPspDirectoryCookie, FALSE))
+          << Bios << " bit " << Bit;
+    }
   }
 }
 
 using PspEntryTypes = PspFixture;
 
 TEST_F(PspEntryTypes, EightBitTypesCompareTheLowByteSixteenBitTypesTheMappedType) {
-  SelectSoc(kSigRow3Kind2);
-  EXPECT_TRUE(EntryTypeMatches(0x00010048, 0x48));
-  EXPECT_TRUE(EntryTypeMatches(0x148, 0x48));
-  EXPECT_FALSE(EntryTypeMatches(0x13C, 0x48));
-  EXPECT_TRUE(EntryTypeMatches(0x40, 0x40));
-
-  SelectSoc(kSigRow22Sixteen);
-  EXPECT_TRUE(EntryTypeMatches(0x13C, 0x48));
-  EXPECT_TRUE(EntryTypeMatches(0x0001013D, 0x4A));
-  EXPECT_TRUE(EntryTypeMatches(0x14F, 0x49));
-  EXPECT_FALSE(EntryTypeMatches(0x48, 0x48));
+  const struct {
+    UINT32 Signature, Word;
+    UINT8 Wanted;
+    bool Matches;
+  } kRows[] = {{kSigRow3Kind2, 0x00010048, 0x48, true},    {kSigRow3Kind2, 0x148, 0x48, true},
+               {kSigRow3Kind2, 0x13C, 0x48, false},        {kSigRow3Kind2, 0x40, 0x40, true},
+               {kSigRow22Sixteen, 0x13C, 0x48, true},      {kSigRow22Sixteen, 0x0001013D, 0x4A, true},
+               {kSigRow22Sixteen, 0x14F, 0x49, true},      {kSigRow22Sixteen, 0x48, 0x48, false}};
+  for (const auto &Row : kRows) {
+    SelectSoc(Row.Signature);
+    EXPECT_EQ(EntryTypeMatches(Row.Word, Row.Wanted) != FALSE, Row.Matches) << std::hex << Row.Word;
+  }
   EXPECT_TRUE(Assertions().empty());
   EXPECT_FALSE(EntryTypeMatches(0x40, 0x40)) << "no 16-bit equivalent";
   EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22010302});

@@ -106,23 +106,21 @@ TEST_F(PspAssertReporter, SilentUntilTheDriverStartEnablesIt) {
 TEST_F(PspAssertReporter, ASimulatorAnswersTheEscapeHardwareCyclesTheCodeOnThePortDisplay) {
   AssertReport(0x22011152);
   EXPECT_EQ(Assertions(), std::vector<UINT32>{0x22011152});
-  EXPECT_EQ(Platform->PortLogCount, 2u);
-  EXPECT_EQ(Platform->Soc.EscapeCount, 1u);
-  EXPECT_EQ(Platform->Soc.LastEscapeEbx, 2u);
-  EXPECT_EQ(Platform->DeadLoopCount, 0u);
+  EXPECT_EQ((std::vector<UINT64>{Platform->PortLogCount, Platform->Soc.EscapeCount, Platform->Soc.LastEscapeEbx,
+                                 Platform->DeadLoopCount}),
+            (std::vector<UINT64>{2, 1, 2, 0}));
 
   Platform->ClearPortLog();
   Platform->Soc.AnswersSimulatorEscape = FALSE;
   AssertReport(0x22011152);
   EXPECT_EQ(Platform->DeadLoopCount, 1u);
   // One turn: the 64-bit value DEAD 2201 1152 0000 scrolled a byte at a time, 2.5 s apiece.
-  const UINT32 Expected[] = {0xDEAD, 0x22011152, 0x520000DE, 0x0000DEAD, 0x00DEAD22,
-                             0xDEAD2201, 0xAD220111, 0x22011152};
-  ASSERT_EQ(Platform->PortLogCount, 8u);
-  for (UINTN Index = 0; Index < 8; Index++) {
-    EXPECT_EQ(Platform->PortLog[Index].Value, Expected[Index]) << Index;
-    EXPECT_EQ(Platform->PortLog[Index].Port, Index == 0 ? 0xE0 : 0x80);
+  std::vector<UINT32> Shown;
+  for (UINTN Index = 0; Index < Platform->PortLogCount; Index++) {
+    Shown.push_back(Platform->PortLog[Index].Value | (Platform->PortLog[Index].Port == 0x80 ? 0 : 0xE00000u));
   }
+  EXPECT_EQ(Shown, (std::vector<UINT32>{0xE0DEAD, 0x22011152, 0x520000DE, 0x0000DEAD, 0x00DEAD22, 0xDEAD2201,
+                                         0xAD220111, 0x22011152}));
   EXPECT_EQ(Platform->ElapsedMicroseconds, 6u * 2500000u);
 }
 

@@ -111,3 +111,21 @@ std::vector<std::string> PlatformFixture::Traces() const {
 }
 
 void PlatformFixture::EnableTraces(bool On) { gConfig.PcdBiosImageInterfaceDebug = On ? TRUE : FALSE; }
+
+std::vector<std::string> PlatformFixture::CallNames() const {
+  std::vector<std::string> Names;
+  for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
+    Names.push_back(Platform->Calls[Index].Name);
+  }
+  return Names;
+}
+
+std::vector<EmuCall> PlatformFixture::CallsNamed(const char *Name) const {
+  std::vector<EmuCall> Found;
+  for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
+    if (std::string(Platform->Calls[Index].Name) == Name) {
+      Found.push_back(Platform->Calls[Index]);
+    }
+  }
+  return Found;
+}

@@ -27,6 +27,10 @@ protected:
   // Runs the driver's entry point as the dispatcher would.
   EFI_STATUS StartDriver();
 
+  // Platform calls recorded so far: every name in order, or the calls of one name.
+  std::vector<std::string> CallNames() const;
+  std::vector<EmuCall> CallsNamed(const char *Name) const;
+
   // Traces printed so far, one line each.
   std::vector<std::string> Traces() const;
   void EnableTraces(bool On);

@@ -41,7 +41,7 @@ std::string Le32(UINT32 Value) { return std::string(reinterpret_cast<const char 
 
 TEST_F(UpdateProgress, RecordsTheCodeAndItsRegionNameAndClearingRecordsOnlyTheCode) {
   const std::vector<std::pair<UINT32, std::string>> Rows = {
-      {0x00, "IBB1R"}, {0xB4, "IBB1"}, {0xC8, "OBB"}, {0x0A, "OBB3"}, {0x0B, "Undefine"}, {0xBF, "Undefine"}};
+      {0x00, "IBB1R"}, {0xB4, "IBB1"}, {0x0A, "OBB3"}, {0x0B, "Undefine"}};
   for (const auto &[Code, Name] : Rows) {
     Platform->UpdateLogStore.ClearRecords();
     EXPECT_EQ(SetUpdateProgress(Code), EFI_SUCCESS);

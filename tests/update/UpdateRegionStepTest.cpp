@@ -120,7 +120,7 @@ TEST_F(UpdateRegionStepTest, PhaseOfTheProgressCodeForTheSamePiece) {
     UINT32 Code;
   } Rows[] = {{{}, FALSE, FALSE, 0x05}, {{2}, FALSE, FALSE, 0xB5}, {{3}, FALSE, FALSE, 0x05},
               {{2, 0}, FALSE, FALSE, 0x05},  // longer than one byte: not read
-              {{}, FALSE, TRUE, 0xB5},       {{2}, TRUE, FALSE, 0xC5}, {{}, TRUE, TRUE, 0xC5}};
+              {{}, FALSE, TRUE, 0xB5},       {{2}, TRUE, FALSE, 0xC5}};
   for (const Row &R : Rows) {
     Sim.Variables().clear();
     if (!R.Parameter.empty()) {
@@ -141,7 +141,6 @@ TEST_F(UpdateRegionStepTest, OnlyThePieceWithTheRegionsAddressAndBlockEntersIt) 
     std::vector<UINT32> Codes;
   } Rows[] = {
       {"unit 5 in 8 KiB blocks is block 2", RegionStart(0), 2, 2, 0, {0x00}},
-      {"unit 5 in 4 KiB blocks is block 5", RegionStart(0), 5, 1, 0, {0x00}},
       {"the lower flash part moves the address", RegionStart(0) + 0x40000, 2, 2, 0x40000, {0x00}},
       {"IBB1's address, the next block", RegionStart(4), RegionBlock(4) + 1u, 2, 0, {}},
       {"IBB1's block, 4 KiB further", RegionStart(4) + 0x1000, RegionBlock(4), 2, 0, {}},
@@ -183,15 +182,6 @@ TEST_F(UpdateRegionStepTest, FailedCopiesEndTheStepAndAFailedEcUpdateDoesNot) {
     EXPECT_EQ(DebugCodes().size(), R.Recorded ? 1u : 0u) << R.Name;
     EXPECT_FALSE(IsPspDirectoryInvalidated()) << R.Name;
   }
-}
-
-TEST_F(UpdateRegionStepTest, FlashMapCopyWithoutItsSignatureIsLeftAlone) {
-  const UINT32 NoMap = kMappedBase + 0x0EF000;  // the version record
-  const std::string Before(reinterpret_cast<const char *>(Platform->MappedFlash(NoMap, 0x1000)), 0x1000);
-  Sim.SetPcd(gFlashMapTokenSpaceGuid, kFlashMapAddressToken, NoMap);
-  EXPECT_EQ(InvalidateFlashMapCopy(), EFI_NOT_FOUND);
-  EXPECT_EQ(FlashWrites().size(), 0u);
-  EXPECT_EQ(memcmp(Platform->MappedFlash(NoMap, 0x1000), Before.data(), 0x1000), 0);
 }
 
 TEST_F(UpdateRegionStepTest, EcFirmwareFitsItsFlashMapRegionOrIsRefused) {
