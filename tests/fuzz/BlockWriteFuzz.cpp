@@ -44,20 +44,6 @@ EFI_STATUS EFIAPI TrapWriteEc(const VOID *, UINT32 Length, UINT32) {
   return EFI_SUCCESS;
 }
 
-// Reads the input front to back; past its end everything reads as zero.
-struct Input {
-  const uint8_t *Data;
-  size_t Size;
-  template <typename T> T Take() {
-    T Value{};
-    const size_t Length = Size < sizeof(T) ? Size : sizeof(T);
-    std::memcpy(&Value, Data, Length);
-    Data += Length;
-    Size -= Length;
-    return Value;
-  }
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
@@ -80,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
   mFlashBase = kFlashBase;
   mUpdateMode = UpdateModeNormal;
 
-  Input In{Data, Size};
+  FuzzInput In{Data, Size};
   const UINT8 Switches = In.Take<UINT8>();
   Config.Flags = (Switches & 1) != 0 ? kPlatformConfigAlternativeFlag : 0;
   mLowerFlashWritable = (Switches & 2) != 0;

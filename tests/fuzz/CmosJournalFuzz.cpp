@@ -45,19 +45,6 @@ EFI_STATUS EFIAPI LocateFlashDevice(EFI_GUID *Protocol, VOID *, VOID **Interface
   return *Interface != nullptr ? EFI_SUCCESS : EFI_NOT_FOUND;
 }
 
-struct Input {
-  const uint8_t *Data;
-  size_t Size;
-  template <typename T> T Take() {
-    T Value{};
-    const size_t Length = Size < sizeof(T) ? Size : sizeof(T);
-    std::memcpy(&Value, Data, Length);
-    Data += Length;
-    Size -= Length;
-    return Value;
-  }
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
@@ -72,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
   ResetCmosStateForTest();
   P.ClearCalls();
 
-  Input In{Data, Size};
+  FuzzInput In{Data, Size};
   const uint8_t Control = In.Take<uint8_t>();
   const uint16_t Header = In.Take<uint16_t>();
   const uint16_t DataSize = In.Take<uint16_t>();

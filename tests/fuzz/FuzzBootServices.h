@@ -1,7 +1,9 @@
 // Boot services for the harnesses: pool from malloc (a zero-byte request still gets its own
 // block, so that ASan sees any read through it) and no protocols.
 #pragma once
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #include "src/base/Globals.h"
 
@@ -26,3 +28,17 @@ inline EFI_BOOT_SERVICES FuzzBootServices() {
   Services.LocateProtocol = FuzzLocateProtocol;
   return Services;
 }
+
+// Reads the input front to back; past its end everything reads as zero.
+struct FuzzInput {
+  const uint8_t *Data;
+  size_t Size;
+  template <typename T> T Take() {
+    T Value{};
+    const size_t Length = Size < sizeof(T) ? Size : sizeof(T);
+    std::memcpy(&Value, Data, Length);
+    Data += Length;
+    Size -= Length;
+    return Value;
+  }
+};

@@ -28,19 +28,6 @@ EFI_STATUS EFIAPI FillEc(VOID *Buffer, UINT32, UINT32 Length) {
   return EFI_SUCCESS;
 }
 
-struct Input {
-  const uint8_t *Data;
-  size_t Size;
-  template <typename T> T Take() {
-    T Value{};
-    const size_t Length = Size < sizeof(T) ? Size : sizeof(T);
-    std::memcpy(&Value, Data, Length);
-    Data += Length;
-    Size -= Length;
-    return Value;
-  }
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
@@ -57,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
   mBiosImageInterface2 = &Tables[1];
   mFlashBase = 0xFF000000;
 
-  Input In{Data, Size};
+  FuzzInput In{Data, Size};
   const UINT8 Switches = In.Take<UINT8>();
   Config.Flags = (Switches & 1) != 0 ? kPlatformConfigAlternativeFlag : 0;
   mEcUpdateDeferred = (Switches & 2) != 0;
