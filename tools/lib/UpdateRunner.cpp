@@ -71,6 +71,11 @@ SimulatedBoot::SimulatedBoot(EmuPlatform &Platform, const BootScenario &Scenario
     const UINT8 Byte = *Scenario.Resume;
     Hobs.AddGuidHob(gUpdateResumeHobGuid, &Byte, 1);
   }
+  for (const auto &[Key, Variable] : Scenario.Variables) {
+    if ((Variable.Attributes & EFI_VARIABLE_NON_VOLATILE) != 0) {
+      Sim.Variables()[Key] = Variable;
+    }
+  }
   Sim.InstallConfigurationTable(gEfiHobListGuid, Hobs.Finish());
   Sim.InstallPcdProtocol();
   EmuInstallOptions Install;
@@ -110,10 +115,17 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
   BootScenario Scenario = Options.Boot;
   Scenario.CompletionPoolBuffer = Options.CompletionStatus.has_value();
   SimulatedBoot Boot(Platform, Scenario);
+  // What the boot leaves, also when the update stops early (a power cut, a refusal).
+  const auto Finish = [&]() -> UpdateReport & {
+    Report.Variables = Boot.Sim.Variables();
+    Report.Chip = Platform.Flash.Stats();
+    Report.Time = Platform.Flash.Time();
+    return Report;
+  };
   Report.Start = Boot.StartDriver();
   BiosImageInterfaceProtocol *Table = Boot.Table(Options.SecondTable);
-  if (Report.Start != EFI_SUCCESS || Table == nullptr) {
-    return Report;
+  if (Report.Start != EFI_SUCCESS || Table == nullptr || Platform.Flash.PowerLost()) {
+    return Finish();
   }
   using Clock = std::chrono::steady_clock;
   const auto Timed = [&Report](auto &&Call) {
@@ -123,23 +135,33 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
     return Status;
   };
 
+  // A power cut ends the boot: the application calls nothing after the service it was in.
+  const auto Off = [&Platform] { return Platform.Flash.PowerLost() != FALSE; };
+  const auto Stage = [&Options](const char *Name) {
+    if (Options.Stage) {
+      Options.Stage(Name);
+    }
+  };
   BiosImageQueryRecord Record = {};
+  Stage("query");
   Report.Query = Timed([&] { return Table->BiosQueryImage(Table, &Record, 0, 0); });
-  if (Report.Query != EFI_SUCCESS) {
-    return Report;
+  if (Report.Query != EFI_SUCCESS || Off()) {
+    return Finish();
   }
   std::vector<uint8_t> Copy = Image;  // the service blanks part of it while it checks
   std::vector<uint8_t> SignatureCopy = Signature;
+  Stage("verify");
   Report.Verify = Timed([&] {
     return Table->BiosVerifySignature(Table, Copy.data(), Copy.size(), SignatureCopy.data(), SignatureCopy.size());
   });
-  if (Report.Verify != EFI_SUCCESS) {
-    return Report;
+  if (Report.Verify != EFI_SUCCESS || Off()) {
+    return Finish();
   }
   Report.SkipRegions.assign(Record.SkipRegions, Record.SkipRegions + std::min<size_t>(Record.SkipRegionCount, kMaxSkipRegions));
   Report.BlockSize = Record.BlockSize;
   Report.Blocks = Record.BlockCount;
   Report.Write = EFI_SUCCESS;
+  Stage("write");
   for (uint32_t Block = 0; Block < Report.Blocks; Block++) {
     BiosWriteRequest Request = {};
     Request.BlockNumber = static_cast<UINT16>(Block);
@@ -153,14 +175,19 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
       Report.BlocksFailed++;
       Report.Write = Report.Write == EFI_SUCCESS ? Status : Report.Write;
     }
+    if (Off()) {
+      return Finish();
+    }
   }
   VOID *ReadBack = nullptr;
+  Stage("read");
   Report.Read = Timed([&] { return Table->BiosReadImage(Table, 0, &ReadBack); });
   if (ReadBack != nullptr) {
     Report.ReadBackEqual = std::equal(Image.begin(), Image.end(), static_cast<const uint8_t *>(ReadBack));
     gBS->FreePool(ReadBack);
   }
   if (Options.CompletionStatus) {
+    Stage("completion");
     Report.Completion = Timed([&] { return Table->SetFlashCompletionStatus(Table, *Options.CompletionStatus); });
   }
   Report.Variables = Boot.Sim.Variables();
