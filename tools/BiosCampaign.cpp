@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <string>
 
 #include "lib/PowerCutCampaign.h"
@@ -16,7 +17,7 @@ namespace {
 
 void Usage(FILE *Out) {
   fprintf(Out,
-          "usage: bios-campaign [--sample] [--seed S] [--recovery] [--remedies] [--no-pairs] [--json]\n"
+          "usage: bios-campaign [--sample] [--seed S] [--recovery] [--remedies] [--no-pairs] [--check] [--json]\n"
           "  Power cut at every flash operation of a whole update of the reference image, next boot,\n"
           "  resumed update; prints cut points tried, resumed to the same flash, preserved data intact,\n"
           "  boot-critical structures intact at the cut, and every failing cut with its cause.\n"
@@ -25,6 +26,7 @@ void Usage(FILE *Out) {
           "  --recovery  a forced recovery update (recovery boot mode, every region, variable backup)\n"
           "  --remedies  run with the power-loss remedies switched on (off in the shipped build)\n"
           "  --no-pairs  no second cuts during the resumed updates\n"
+          "  --check     exit 1 when a loss is not one of the known ones (or one the remedies close, with them on)\n"
           "  --json      one JSON object instead of text\n");
 }
 
@@ -33,6 +35,7 @@ void Usage(FILE *Out) {
 int main(int argc, char **argv) {
   CampaignOptions Options;
   bool Json = false;
+  bool Check = false;
   for (int Index = 1; Index < argc; Index++) {
     const std::string Argument = argv[Index];
     if (Argument == "--help" || Argument == "-h") {
@@ -40,6 +43,8 @@ int main(int argc, char **argv) {
       return 0;
     } else if (Argument == "--sample") {
       Options.Sample = true;
+    } else if (Argument == "--check") {
+      Check = true;
     } else if (Argument == "--json") {
       Json = true;
     } else if (Argument == "--no-pairs") {
@@ -74,6 +79,17 @@ int main(int argc, char **argv) {
     fprintf(stderr, "bios-campaign: %s\n", Error.what());
     return 1;
   }
+  // Losses the known list does not explain, or that the remedies should have closed.
+  std::string Unexpected;
+  for (const CutResult &R : Report.Results) {
+    if (!R.Lost()) {
+      continue;
+    }
+    const KnownLoss *Known = ClassifyLoss(R);
+    if (Known == nullptr || (Options.Remedies && Known->ClosedByRemedy)) {
+      Unexpected += " " + std::to_string(R.N) + (R.SecondN ? "+" + std::to_string(R.SecondN) : "");
+    }
+  }
   if (getenv("BIOS_CAMPAIGN_OPS")) {
     for (const FlashOperation &Op : Report.Operations) {
       if (Op.Stage != "write") {
@@ -106,9 +122,9 @@ int main(int argc, char **argv) {
       Out.Key("sameFlash").Bool(R.SameFlash).Key("flashDifference").String(R.FlashDifference);
       Out.Key("resumed").String(R.Resumed).Key("preservedIntact").Bool(R.PreservedIntact).Key("cause").String(R.Cause).EndObject();
     }
-    Out.EndArray().EndObject();
+    Out.EndArray().Key("unexpected").String(Unexpected).EndObject();
     printf("%s\n", Out.Text().c_str());
-    return 0;
+    return Check && !Unexpected.empty() ? 1 : 0;
   }
   printf("power-cut campaign (seed %llu, %s update, %s, remedies %s)\n", static_cast<unsigned long long>(Options.Seed),
          Options.Recovery ? "recovery" : "normal", Options.Sample ? "sample" : "every operation",
@@ -121,16 +137,32 @@ int main(int argc, char **argv) {
   printf("  preserved data intact:                %zu\n", Report.PreservedIntact());
   printf("  boot-critical structures intact:      %zu\n", Report.BootCriticalIntact());
   printf("  run time:                             %.1f s\n", Report.Seconds);
+  // Failing cuts by cause, with their N ("N+M": a second cut at the resumed update's Mth operation).
+  std::map<std::string, std::string> ByCause;
   for (const CutResult &R : Report.Results) {
-    if (R.Lost() || !R.BootCriticalIntact) {
-      printf("  N=%llu%s%s %s/%s boot=%s%s%s: %s\n", static_cast<unsigned long long>(R.N), R.SecondN ? "+" : "",
-             R.SecondN ? std::to_string(R.SecondN).c_str() : "", R.Stage.c_str(), R.Place.c_str(), R.BootCopy.c_str(),
-             R.BootCriticalIntact ? "" : " broken=", R.BrokenStructure.c_str(), R.Cause.empty() ? "(no loss)" : R.Cause.c_str());
-      printf("      %s\n", R.Resumed.c_str());
-      if (getenv("BIOS_CAMPAIGN_OPS")) {
-        printf("      %s\n", R.PreservedDifference.c_str());
-      }
+    if (R.Lost()) {
+      std::string &List = ByCause[R.Cause];
+      List += (List.empty() ? "" : " ") + std::to_string(R.N) + (R.SecondN ? "+" + std::to_string(R.SecondN) : "");
     }
+    if (!R.BootCriticalIntact) {
+      printf("  boot-critical structure broken at N=%llu: %s\n", static_cast<unsigned long long>(R.N), R.BrokenStructure.c_str());
+    }
+    if (getenv("BIOS_CAMPAIGN_OPS") && R.Lost()) {
+      printf("  N=%llu %s/%s boot=%s: %s\n      %s\n      %s\n", static_cast<unsigned long long>(R.N), R.Stage.c_str(),
+             R.Place.c_str(), R.BootCopy.c_str(), R.FlashDifference.c_str(), R.PreservedDifference.c_str(), R.Resumed.c_str());
+    }
+  }
+  for (const auto &[Cause, List] : ByCause) {
+    const KnownLoss *Known = nullptr;
+    for (const KnownLoss &Each : KnownLosses()) {
+      Known = Cause == Each.Id ? &Each : Known;
+    }
+    printf("  lost at N = %s\n    cause: %s%s\n", List.c_str(), Known ? Known->Cause : Cause.c_str(),
+           Known && Known->ClosedByRemedy ? " [closed by --remedies]" : "");
+  }
+  if (Check && !Unexpected.empty()) {
+    fprintf(stderr, "bios-campaign: unexpected losses: %s\n", Unexpected.c_str());
+    return 1;
   }
   return 0;
 }

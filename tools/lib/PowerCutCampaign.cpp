@@ -323,8 +323,11 @@ private:
   Scene S_;
 };
 
-std::string Classify(const CutResult &R);
 
+}  // namespace
+
+namespace {
+std::string Classify(const CutResult &R);
 }  // namespace
 
 size_t CampaignReport::SameFlash() const {
@@ -409,10 +412,61 @@ CampaignReport RunPowerCutCampaign(const CampaignOptions &Options) {
   return Report;
 }
 
+const std::vector<KnownLoss> &KnownLosses() {
+  static const std::vector<KnownLoss> Known = {
+      {"partial-backup-trusted", true,
+       "a cut while verification writes the variable backup leaves its volume header whole and its records "
+       "not; the next verification sees a valid backup (\"a backup is already there\") and keeps it, and "
+       "the first block and the completion restore the live store from it: the preserved variables past the "
+       "cut are lost (prescribed: the backup is judged by its header alone; remedy: a backup found at "
+       "verification must also hold the live store's selection, else it is taken again)"},
+      {"resume-without-backup", true,
+       "the completion erases the variable backup before it clears the progress record; a cut from the erase "
+       "on leaves an update to resume without a backup, the resumed verification takes none (the interrupted "
+       "update is trusted to have taken it) and the resumed update rewrites the live store from the image: "
+       "the preserved variables are lost (prescribed order; remedy: a resume that finds no valid backup takes "
+       "it again, the completion having restored the live store first)"},
+  };
+  return Known;
+}
+
+const KnownLoss *ClassifyLoss(const CutResult &R) {
+  if (!R.Lost()) {
+    return nullptr;
+  }
+  // Only the variable store and its backup differ (the preserved data's own areas).
+  bool OnlyVariables = true;
+  for (size_t At = 0; At < R.FlashDifference.size();) {
+    OnlyVariables = OnlyVariables && R.FlashDifference.compare(At, 8, "variable") == 0;
+    const size_t Comma = R.FlashDifference.find(", ", At);
+    At = Comma == std::string::npos ? R.FlashDifference.size() : Comma + 2;
+  }
+  const auto Known = [](const char *Id) {
+    for (const KnownLoss &Each : KnownLosses()) {
+      if (std::string(Each.Id) == Id) {
+        return &Each;
+      }
+    }
+    return static_cast<const KnownLoss *>(nullptr);
+  };
+  if (R.SecondN == 0 && OnlyVariables && R.Stage == "verify" && R.Place == "variable backup") {
+    return Known("partial-backup-trusted");
+  }
+  // From the backup's erase on: the backup, the digest refresh, the journal records.
+  if (OnlyVariables && R.Stage == "completion" && R.Place != "variable store") {
+    return Known("resume-without-backup");
+  }
+  return nullptr;
+}
+
 namespace {
 
 std::string Classify(const CutResult &R) {
-  return R.Stage + "/" + R.Place + ": " + (R.SameFlash ? std::string() : "flash differs in " + R.FlashDifference) +
+  if (const KnownLoss *Known = ClassifyLoss(R)) {
+    return Known->Id;
+  }
+  return "unexplained: " + R.Stage + "/" + R.Place + ": " +
+         (R.SameFlash ? std::string() : "flash differs in " + R.FlashDifference) +
          (R.PreservedIntact ? std::string() : "; lost " + R.PreservedDifference);
 }
 

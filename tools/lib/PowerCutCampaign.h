@@ -66,6 +66,17 @@ struct CampaignReport {
   size_t BootCriticalIntact() const;
 };
 
+// The classes of loss the campaign knows, each with its cause; a loss of no known class is
+// "unexplained". ClosedByRemedy: the PowerLossRemedies switch removes it.
+struct KnownLoss {
+  const char *Id;
+  bool ClosedByRemedy;
+  const char *Cause;
+};
+const std::vector<KnownLoss> &KnownLosses();
+// The known class of a loss, or nullptr.
+const KnownLoss *ClassifyLoss(const CutResult &Result);
+
 // Runs the campaign with the driver's configuration as it stands (the remedy switch
 // included). Throws std::runtime_error when the uninterrupted update does not complete.
 CampaignReport RunPowerCutCampaign(const CampaignOptions &Options);
