@@ -17,7 +17,7 @@ namespace {
 
 void Usage(FILE *Out) {
   fprintf(Out,
-          "usage: bios-campaign [--sample] [--seed S] [--recovery] [--remedies] [--no-pairs] [--check] [--json]\n"
+          "usage: bios-campaign [--sample] [--seed S] [--recovery] [--remedies] [--no-pairs] [--check] [--detail] [--json]\n"
           "  Power cut at every flash operation of a whole update of the reference image, next boot,\n"
           "  resumed update; prints cut points tried, resumed to the same flash, preserved data intact,\n"
           "  boot-critical structures intact at the cut, and every failing cut with its cause.\n"
@@ -27,6 +27,7 @@ void Usage(FILE *Out) {
           "  --remedies  run with the power-loss remedies switched on (off in the shipped build)\n"
           "  --no-pairs  no second cuts during the resumed updates\n"
           "  --check     exit 1 when a loss is not one of the known ones (or one the remedies close, with them on)\n"
+          "  --detail    also list the operations outside the blocks and each failing cut's differences\n"
           "  --json      one JSON object instead of text\n");
 }
 
@@ -36,6 +37,7 @@ int main(int argc, char **argv) {
   CampaignOptions Options;
   bool Json = false;
   bool Check = false;
+  bool Detail = false;
   for (int Index = 1; Index < argc; Index++) {
     const std::string Argument = argv[Index];
     if (Argument == "--help" || Argument == "-h") {
@@ -43,6 +45,8 @@ int main(int argc, char **argv) {
       return 0;
     } else if (Argument == "--sample") {
       Options.Sample = true;
+    } else if (Argument == "--detail") {
+      Detail = true;
     } else if (Argument == "--check") {
       Check = true;
     } else if (Argument == "--json") {
@@ -90,7 +94,7 @@ int main(int argc, char **argv) {
       Unexpected += " " + std::to_string(R.N) + (R.SecondN ? "+" + std::to_string(R.SecondN) : "");
     }
   }
-  if (getenv("BIOS_CAMPAIGN_OPS")) {
+  if (Detail) {
     for (const FlashOperation &Op : Report.Operations) {
       if (Op.Stage != "write") {
         printf("op %llu %s %s 0x%08X+0x%X %s\n", static_cast<unsigned long long>(Op.N), Op.Stage.c_str(),
@@ -147,7 +151,7 @@ int main(int argc, char **argv) {
     if (!R.BootCriticalIntact) {
       printf("  boot-critical structure broken at N=%llu: %s\n", static_cast<unsigned long long>(R.N), R.BrokenStructure.c_str());
     }
-    if (getenv("BIOS_CAMPAIGN_OPS") && R.Lost()) {
+    if (Detail && R.Lost()) {
       printf("  N=%llu %s/%s boot=%s: %s\n      %s\n      %s\n", static_cast<unsigned long long>(R.N), R.Stage.c_str(),
              R.Place.c_str(), R.BootCopy.c_str(), R.FlashDifference.c_str(), R.PreservedDifference.c_str(), R.Resumed.c_str());
     }
