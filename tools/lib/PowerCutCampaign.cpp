@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "../../emu/host/EmuHostMemory.h"
 #include "../../src/driver/Config.h"
 #include "../../src/verify/SecuritySettingsRecord.h"
 #include "DefaultImageLayout.h"
@@ -203,6 +204,8 @@ public:
       Report.CompletionOperations += Op.Stage == "completion";
     }
     Report.IgnoredAreas.assign(std::begin(kIgnoredAreas), std::end(kIgnoredAreas));
+    Platform.reset();
+    EmuHostMemoryReleaseAll();  // each cut builds its own platform in the same memory
   }
 
   // One cut at N (and a second one at SecondN of the resumed update); ResumedOperations
@@ -248,6 +251,8 @@ public:
       Result.SameFlash = false;
       Result.FlashDifference = "the platform does not start";
     }
+    Platform.reset();
+    EmuHostMemoryReleaseAll();
     return Result;
   }
 
