@@ -103,6 +103,12 @@ TEST(PowerCutCampaign, LossesAreClassifiedByWhereTheCutCame) {
       {Loss("completion", "variable store", "variable store at 0xFF14D000"), nullptr},
       {Loss("write", "IBB1", "IBB1 at 0xFFA88000"), nullptr},
       {Loss("verify", "variable backup", "OBB at 0xFF0E9000"), nullptr},
+      {[&] {
+         CutResult R = Loss("write", "IBB2", "variable store at 0xFF14D000");
+         R.SecondN = 866;  // the resumed update's completion
+         R.PreservedDifference = "preserved variables (+Boot0000 +Setup)";
+         return R;
+       }(), "resume-without-backup"},
   };
   for (const auto &Case : Cases) {
     const KnownLoss *Known = ClassifyLoss(Case.Result);

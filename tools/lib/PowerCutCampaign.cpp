@@ -461,6 +461,13 @@ const KnownLoss *ClassifyLoss(const CutResult &R) {
   if (OnlyVariables && R.Stage == "completion" && R.Place != "variable store") {
     return Known("resume-without-backup");
   }
+  // A second cut in the resumed update's own completion: nothing preserved is missing, the
+  // image's variables stand in the live store (it was rewritten and never restored).
+  const bool OnlyImageVariables = R.PreservedDifference.find("(-") == std::string::npos &&
+                                  R.PreservedDifference.find(" -") == std::string::npos;
+  if (R.SecondN != 0 && OnlyVariables && OnlyImageVariables && !R.PreservedIntact) {
+    return Known("resume-without-backup");
+  }
   return nullptr;
 }
 
