@@ -152,15 +152,11 @@ EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize) {
   if (IsRegionTrackedResume() && !BackupLost) {
     return EFI_ALREADY_STARTED;
   }
-  // A backup is judged by its volume header. With the remedies it must also hold the live
-  // store's selection: a power cut while it was written leaves the header whole and the
-  // records short, and such a backup is taken again (checked below, once the selection is made).
-  const BOOLEAN BackupThere = IsBackupStoreValid() == EFI_SUCCESS;
-  if (BackupThere && !gConfig.PowerLossRemedies) {
+  if (IsBackupStoreValid() == EFI_SUCCESS) {
     return EFI_ALREADY_STARTED;  // a backup is already there
   }
   if (EfiError(CheckBackupAreaMapping(Image, ImageSize))) {
-    return BackupThere ? EFI_ALREADY_STARTED : EFI_NO_MAPPING;
+    return EFI_NO_MAPPING;
   }
   ByteView Live;
   UINTN Headers = 0;
@@ -184,13 +180,6 @@ EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize) {
   // The selection alone must fit the backup area, and so must what is written.
   if (Selected > gConfig.VariableBackupSize || Headers + Selected > gConfig.VariableBackupSize) {
     return EFI_OUT_OF_RESOURCES;
-  }
-  if (BackupThere) {
-    const ByteView Current = MappedStore(gConfig.VariableBackupBase, gConfig.VariableBackupSize);
-    const UINTN Length = static_cast<UINTN>(Headers + Selected);
-    if (Current.At(0, Length) == nullptr || CompareMem(Current.At(0, Length), Backup.Data(), Length) == 0) {
-      return EFI_ALREADY_STARTED;  // whole: the backup holds what the live store would give
-    }
   }
   const EFI_STATUS Status = mPlatformFlashService->WriteFlash(kFlashAccessImage, gConfig.VariableBackupBase,
                                                               Backup.Data(), static_cast<UINT32>(Headers + Selected));
