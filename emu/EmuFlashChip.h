@@ -12,9 +12,15 @@
 //
 // Fault injection counts erases (one per sector) and programs (one per call) from the
 // moment it is armed: "fail operation N" makes the Nth of them return EFI_DEVICE_ERROR
-// without touching the array; "cut power at operation N" leaves the sector being erased
-// erased, or the first half of the bytes being programmed programmed, and from then on
-// every operation (reads too) fails until power is restored.
+// without touching the array; "cut power at operation N" leaves the Nth operation half done
+// the way a NOR part leaves it, and from then on every operation (reads too, and reads
+// through the mapped window) fails until power is restored:
+//   - an erase cut: every byte of the sector keeps its old value with a random subset of its
+//     bits set to 1 (the erase pulse got part of the way);
+//   - a program cut: the pages before a random page of the program are programmed, that page
+//     has a random subset of its intended zero bits cleared, the pages after it are untouched.
+// The randomness comes from a small generator seeded from the cut seed and N, so a cut is
+// reproducible from (seed, N) whatever ran before it.
 #pragma once
 #include "../src/base/Uefi.h"
 
@@ -65,12 +71,22 @@ public:
   // ---- Fault injection (N = 1 is the next erase or program) --------------------------------
   void FailOperation(UINT64 N) { ArmFault(FaultKind::FailOperation, N); }
   void CutPowerAtOperation(UINT64 N) { ArmFault(FaultKind::CutPower, N); }
+  // The seed of the indeterminate bits a cut leaves; kept across Attach and RestorePower.
+  void SetCutSeed(UINT64 Seed) { CutSeed_ = Seed; }
+  UINT64 CutSeed() const { return CutSeed_; }
   void ClearFaults() { ArmFault(FaultKind::None, 0); }
   BOOLEAN PowerLost() const { return PowerLost_; }
   // The next boot: the array keeps what the cut left, operations work again.
   void RestorePower() {
     PowerLost_ = FALSE;
     ClearFaults();
+  }
+  // Told of every erase (one call per sector) and program as it is counted, with its number
+  // since the fault was armed: a power-cut campaign maps operation numbers to flash places.
+  using OperationObserver = void (*)(VOID *Context, UINT64 N, BOOLEAN Erase, UINT32 Offset, UINT32 Length);
+  void Observe(OperationObserver Observer, VOID *Context) {
+    Observer_ = Observer;
+    ObserverContext_ = Context;
   }
   // Erases and programs attempted since the fault was armed (or since Attach).
   UINT64 OperationsCounted() const { return OperationsCounted_; }
@@ -88,6 +104,11 @@ private:
   // Counts one erase or program and tells what becomes of it.
   Outcome NextOperation();
   static UINT64 PagesTouched(UINT32 Offset, UINT32 Length);
+  // splitmix64: freestanding, one word of state, good enough for bit patterns.
+  UINT64 NextRandom();
+  void CutErase(UINT8 *Sector);
+  // Programs what the cut lets through; returns the bytes that were (at least partly) programmed.
+  UINT32 CutProgram(UINT32 Offset, const UINT8 *Source, UINT32 Length);
 
   UINT8 *Bytes_ = nullptr;
   UINT32 Size_ = 0;
@@ -97,4 +118,8 @@ private:
   UINT64 FaultAt_ = 0;
   UINT64 OperationsCounted_ = 0;
   BOOLEAN PowerLost_ = FALSE;
+  UINT64 CutSeed_ = 1;
+  OperationObserver Observer_ = nullptr;
+  VOID *ObserverContext_ = nullptr;
+  UINT64 RandomState_ = 0;
 };

@@ -135,6 +135,9 @@ UINT32 EmuPlatform::IoRead(UINT16 Port, UINT8 Width) {
 }
 
 void EmuPlatform::IoWrite(UINT16 Port, UINT8 Width, UINT32 Value) {
+  if (Flash.PowerLost()) {
+    return;  // the platform is off: CMOS keeps what it had at the cut
+  }
   if (PortLogCount < kPortLogCapacity) {
     PortLog[PortLogCount++] = {Port, Width, TRUE, Value};
   } else {
@@ -194,6 +197,9 @@ BOOLEAN EmuPlatform::FlashOffset(UINT64 Address, UINT64 Length, UINT32 &Offset) 
 }
 
 const UINT8 *EmuPlatform::MappedFlash(UINT64 Address, UINT64 Length) const {
+  if (Flash.PowerLost()) {
+    return nullptr;  // a chip without power answers nothing, through no window
+  }
   if (const UINT8 *Wide = Soc.WideWindow(Flash, Address, Length)) {
     return Wide;
   }

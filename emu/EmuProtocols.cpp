@@ -176,6 +176,9 @@ EFI_STATUS EFIAPI BootBlockHandleMarker() {
 
 EFI_STATUS EFIAPI UpdateLogWriteRecord(UpdateLogProtocol *This, UINT32 RecordType, UINT64 Length, const VOID *Data) {
   P().Record("UpdateLogWriteRecord", Ptr(This), RecordType, Length, Ptr(Data));
+  if (P().Flash.PowerLost()) {
+    return EFI_DEVICE_ERROR;  // the platform is off: its log keeps what it had at the cut
+  }
   return P().UpdateLogStore.Write(RecordType, Length, Data);
 }
 

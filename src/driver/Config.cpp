@@ -54,6 +54,7 @@ constexpr DriverConfig kReferenceConfigValue = {
     .PcdDebugPrintErrorLevel = 0x8000004F,
     .MinimumSystemTableRevision = 0,
     .UnloadImageCount = 0,
+    .PowerLossRemedies = FALSE,
 };
 
 const DriverConfig kReferenceConfig = kReferenceConfigValue;

@@ -57,6 +57,10 @@ struct DriverConfig {
   // Dispatcher-facing constants of the module.
   UINT32 MinimumSystemTableRevision;
   UINT32 UnloadImageCount;
+  // Power-loss remedies (off in the shipped configuration): where the prescribed order of
+  // writes leaves a window in which a power cut loses data, take the smallest step that
+  // closes it. Each use names its window.
+  BOOLEAN PowerLossRemedies;
 };
 
 // Dynamic PCD token numbers read at start-up.

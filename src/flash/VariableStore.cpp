@@ -145,7 +145,11 @@ EFI_STATUS IsBackupStoreValid() {
 }
 
 EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize) {
-  if (IsRegionTrackedResume()) {
+  // A resumed update relies on the backup the interrupted one took. When the power failed
+  // after the completion had begun to erase it, there is none; the completion had already
+  // put the variables back into the live store, so the remedy takes the backup again.
+  const BOOLEAN BackupLost = gConfig.PowerLossRemedies && IsBackupStoreValid() != EFI_SUCCESS;
+  if (IsRegionTrackedResume() && !BackupLost) {
     return EFI_ALREADY_STARTED;
   }
   if (IsBackupStoreValid() == EFI_SUCCESS) {

@@ -71,6 +71,11 @@ SimulatedBoot::SimulatedBoot(EmuPlatform &Platform, const BootScenario &Scenario
     const UINT8 Byte = *Scenario.Resume;
     Hobs.AddGuidHob(gUpdateResumeHobGuid, &Byte, 1);
   }
+  for (const auto &[Key, Variable] : Scenario.Variables) {
+    if ((Variable.Attributes & EFI_VARIABLE_NON_VOLATILE) != 0) {
+      Sim.Variables()[Key] = Variable;
+    }
+  }
   Sim.InstallConfigurationTable(gEfiHobListGuid, Hobs.Finish());
   Sim.InstallPcdProtocol();
   EmuInstallOptions Install;
@@ -106,15 +111,18 @@ bool UpdateReport::Completed() const {
 namespace {
 
 // The calls of one update in one boot; Report gets each status as it comes.
-void RunServices(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const std::vector<uint8_t> &Signature,
-                 const UpdateOptions &Options, UpdateReport &Report) {
-  BootScenario Scenario = Options.Boot;
-  Scenario.CompletionPoolBuffer = Options.CompletionStatus.has_value();
-  SimulatedBoot Boot(Platform, Scenario);
-  // False when the caller ends the update after this call.
+void RunServices(EmuPlatform &Platform, SimulatedBoot &Boot, const std::vector<uint8_t> &Image,
+                 const std::vector<uint8_t> &Signature, const UpdateOptions &Options, UpdateReport &Report) {
+  // False when the update ends after this call: the caller says so, or the power failed (the
+  // application calls nothing after the service it was in).
   const auto Continue = [&](const char *Service, EFI_STATUS Status, uint32_t Block = 0, uint64_t Offset = 0) {
     Report.Stopped = Options.AfterCall && !Options.AfterCall(ServiceCall{Service, Block, Offset, Status});
-    return !Report.Stopped;
+    return !Report.Stopped && !Platform.Flash.PowerLost();
+  };
+  const auto Stage = [&Options](const char *Name) {
+    if (Options.Stage) {
+      Options.Stage(Name);
+    }
   };
   Report.Start = Boot.StartDriver();
   BiosImageInterfaceProtocol *Table = Boot.Table(Options.SecondTable);
@@ -130,12 +138,14 @@ void RunServices(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const
   };
 
   BiosImageQueryRecord Record = {};
+  Stage("query");
   Report.Query = Timed([&] { return Table->BiosQueryImage(Table, &Record, 0, 0); });
   if (!Continue("BiosQueryImage", Report.Query) || Report.Query != EFI_SUCCESS) {
     return;
   }
   std::vector<uint8_t> Copy = Image;  // the service blanks part of it while it checks
   std::vector<uint8_t> SignatureCopy = Signature;
+  Stage("verify");
   Report.Verify = Timed([&] {
     return Table->BiosVerifySignature(Table, Copy.data(), Copy.size(), SignatureCopy.data(), SignatureCopy.size());
   });
@@ -146,6 +156,7 @@ void RunServices(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const
   Report.BlockSize = Record.BlockSize;
   Report.Blocks = Record.BlockCount;
   Report.Write = EFI_SUCCESS;
+  Stage("write");
   for (uint32_t Block = 0; Block < Report.Blocks; Block++) {
     BiosWriteRequest Request = {};
     Request.BlockNumber = static_cast<UINT16>(Block);
@@ -165,6 +176,7 @@ void RunServices(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const
     }
   }
   VOID *ReadBack = nullptr;
+  Stage("read");
   Report.Read = Timed([&] { return Table->BiosReadImage(Table, 0, &ReadBack); });
   if (ReadBack != nullptr) {
     Report.ReadBackEqual = std::equal(Image.begin(), Image.end(), static_cast<const uint8_t *>(ReadBack));
@@ -174,13 +186,10 @@ void RunServices(EmuPlatform &Platform, const std::vector<uint8_t> &Image, const
     return;
   }
   if (Options.CompletionStatus) {
+    Stage("completion");
     Report.Completion = Timed([&] { return Table->SetFlashCompletionStatus(Table, *Options.CompletionStatus); });
-    if (!Continue("SetFlashCompletionStatus", Report.Completion)) {
-      return;
-    }
+    Continue("SetFlashCompletionStatus", Report.Completion);
   }
-  Report.Variables = Boot.Sim.Variables();
-  Report.CompletionMarker = !Boot.Sim.HandlesWith(gFlashCompleteProtocolGuid).empty();
 }
 
 }  // namespace
@@ -189,7 +198,15 @@ UpdateReport RunUpdate(EmuPlatform &Platform, const std::vector<uint8_t> &Image,
                        const UpdateOptions &Options) {
   UpdateReport Report;
   Platform.Flash.ResetStats();
-  RunServices(Platform, Image, Signature, Options, Report);
+  BootScenario Scenario = Options.Boot;
+  Scenario.CompletionPoolBuffer = Options.CompletionStatus.has_value();
+  {
+    SimulatedBoot Boot(Platform, Scenario);
+    RunServices(Platform, Boot, Image, Signature, Options, Report);
+    // What the boot leaves, also when the update stops early (a power cut, a refusal).
+    Report.Variables = Boot.Sim.Variables();
+    Report.CompletionMarker = !Boot.Sim.HandlesWith(gFlashCompleteProtocolGuid).empty();
+  }
   Report.Chip = Platform.Flash.Stats();
   Report.Time = Platform.Flash.Time();
   return Report;

@@ -28,6 +28,8 @@ struct BootScenario {
   std::optional<uint8_t> Resume;  // the resume HOB's byte of an interrupted update
   std::vector<uint8_t> CmosImage;  // the CmosToRom image the earlier phase hands over, if any
   bool CompletionPoolBuffer = false;  // the platform holds the pool buffer completion frees
+  // Non-volatile variables an earlier boot left (a next boot carries them over).
+  std::map<std::pair<std::u16string, std::string>, SimVariable> Variables;
 };
 
 // The reference platform holding Installed as its flash, with the build's signing keys.
@@ -75,8 +77,10 @@ struct UpdateOptions {
   std::function<void(uint32_t, uint32_t, uint64_t)> Progress;
   std::optional<uint8_t> CompletionStatus;  // reported with SetFlashCompletionStatus at the end
   // Told after every call into the driver; false ends the update there, as a machine that
-  // lost its power would (the calls not made keep EFI_NOT_STARTED).
+  // lost its power would (the calls not made keep EFI_NOT_STARTED). A power cut ends it too.
   std::function<bool(const ServiceCall &)> AfterCall;
+  // Told before each service call: "query", "verify", "write", "read", "completion".
+  std::function<void(const char *)> Stage;
 };
 
 struct UpdateReport {
