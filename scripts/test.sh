@@ -14,4 +14,4 @@ cmake --build "$fuzz" --target fuzz_all
 (cd "$fuzz" && ctest --output-on-failure -R '^fuzz_')
 
 cd "$build"
-ctest --output-on-failure
+ctest --output-on-failure -j2
