@@ -30,7 +30,7 @@ bool ResumingRegionTrackedUpdate() { return RegionTracked() && GetFirstGuidHob(&
 // a caller's size that differs cannot be trusted to describe its buffer, so nothing is read.
 bool IsPlatformImageSize(UINT64 ImageSize) {
   FlashInfo Info = {};
-  if (mPlatformFlashService->GetFlashInfo(&Info) != EFI_SUCCESS) {
+  if (mPlatformFlashService == nullptr || mPlatformFlashService->GetFlashInfo(&Info) != EFI_SUCCESS) {
     return false;
   }
   return ImageSize == static_cast<UINT64>(Info.EcSize) + Info.LowerFlashSize + Info.MappedFlashSize;
@@ -116,7 +116,8 @@ EFI_STATUS EFIAPI BiosVerifySignature(BiosImageInterfaceProtocol *This, VOID *Im
   if (Image == nullptr || Signature == nullptr) {
     return EFI_INVALID_PARAMETER;
   }
-  if (!IsPlatformImageSize(ImageSize) || ExcludedOffset > ImageSize || gConfig.SignatureExcludedSize > ImageSize - ExcludedOffset) {
+  if (!IsPlatformImageSize(ImageSize) || ExcludedOffset > ImageSize ||
+      gConfig.SignatureExcludedSize > ImageSize - ExcludedOffset) {
     return EFI_BAD_BUFFER_SIZE;
   }
   UINT8 *Bytes = static_cast<UINT8 *>(Image);
