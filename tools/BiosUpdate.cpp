@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char *kUsage =
     "usage: bios-update --flash FILE --image FILE --signature FILE [--out FILE] [--mode normal|recovery]\n"
-    "                   [--layout tracked|untracked] [--no-pei-check] [--power-cut N] [--json] [--svg FILE]\n"
+    "                   [--layout tracked|untracked] [--no-pei-check] [--power-cut N [--resume]] [--json] [--svg FILE]\n"
     "  Updates the flash file FILE (the installed 16 MiB image) with the signed image and its\n"
     "  detached signature, through the driver's services on the emulated platform. The flash\n"
     "  file is rewritten with what the chip holds at the end (or --out FILE is written instead).\n"
@@ -26,6 +26,8 @@ constexpr const char *kUsage =
     "  --layout untracked   the platform does not track update regions (bit 6 of its flags clear)\n"
     "  --no-pei-check       the earlier boot phase leaves no signature-check HOB\n"
     "  --power-cut N        the power fails at the Nth flash erase or program\n"
+    "  --resume             then the platform boots again (primary or recovery copies, resume\n"
+    "                       HOB from the update log) and the update runs again to its end\n"
     "  --json               the summary as one JSON object on standard output\n"
     "  --svg FILE           the update's timeline (regions, erases, programs, debug codes) as SVG\n"
     "  Progress goes to standard error. Exit status 0 when the update completed, 1 when it was\n"
@@ -94,6 +96,9 @@ int main(int argc, char **argv) {
     } else if (Option == "--no-pei-check") {
       Request.PeiSignCheck = false;
       continue;
+    } else if (Option == "--resume") {
+      Request.Resume = true;
+      continue;
     }
     if (Index + 1 >= argc) {
       return Fail(Option.rfind("--", 0) == 0 ? Option + " needs a value" : "unexpected argument " + Option + "\n" + kUsage);
@@ -123,6 +128,9 @@ int main(int argc, char **argv) {
     } else {
       return Fail("bad argument " + Option + " " + Value + "\n" + kUsage);
     }
+  }
+  if (Request.Resume && !Request.PowerCutAt) {
+    return Fail("--resume follows a --power-cut");
   }
   if (Request.FlashPath.empty() || Request.ImagePath.empty() || Request.SignaturePath.empty()) {
     return Fail(std::string("--flash, --image and --signature are required\n") + kUsage);

@@ -1,6 +1,6 @@
 // The bios-update command's library: a whole update of the reference image from files, a
 // tampered image refused before anything is erased, a power cut that leaves a flash holding
-// neither image, an untracked layout; the summary's JSON and result line for each; the
+// neither image and the same cut followed by the next boot's resumed update, an untracked layout; the summary's JSON and result line for each; the
 // timeline of debug and progress codes; and the one-line messages for bad input files.
 #include <gtest/gtest.h>
 
@@ -56,6 +56,15 @@ const Scenario kScenarios[] = {
      FlashEnd::NeitherImage, "update not completed: the power failed during BiosWriteImage (block ",
      {R"("power_cut":{"service":"BiosWriteImage","block":)", R"("completion":{"service":"SetFlashCompletionStatus","called":false})",
       R"("power_cut_at":40)", R"("completed":false)"}},
+    {"PowerCutInObbResumed",
+     [](UpdateRequest &Request, UpdateInputs &) {
+       Request.PowerCutAt = 40;
+       Request.Resume = true;
+     },
+     true, FlashEnd::EqualsImage, "update completed",
+     {R"("interrupted":"update not completed: the power failed during BiosWriteImage (block 1888, region OBB); )"
+      R"(the next boot runs the primary copies, resume HOB 0x08")",
+      R"("read_back_equal":true)", R"("power_cut":null)"}},
     {"Untracked", [](UpdateRequest &Request, UpdateInputs &) { Request.Untracked = true; }, true,
      FlashEnd::EqualsImage, "update completed", {R"("layout":"untracked")", R"("read_back_equal":true)"}},
 };
@@ -94,8 +103,9 @@ TEST_P(BiosUpdateScenario, SummaryTellsWhatTheUpdateDid) {
   }
   EXPECT_EQ(Clock, Outcome.Report.Time.Total());
   // A power cut ends the update with the call it struck.
-  EXPECT_EQ(Outcome.Timeline.PowerCut() != nullptr, Request.PowerCutAt.has_value());
-  if (Request.PowerCutAt) {
+  const bool EndsCut = Request.PowerCutAt.has_value() && !Request.Resume;
+  EXPECT_EQ(Outcome.Timeline.PowerCut() != nullptr, EndsCut);
+  if (EndsCut) {
     EXPECT_EQ(Outcome.Timeline.PowerCut(), &Outcome.Timeline.Calls.back());
     EXPECT_NE(TimelineSvg(Outcome.Timeline).find(">power cut</text>"), std::string::npos);
   }

@@ -1,13 +1,16 @@
 #include "UpdateCommand.h"
 
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
 
 #include "../../src/driver/FlashMapFormat.h"
 #include "DefaultImageLayout.h"
+#include "NextBoot.h"
 #include "TestSigningKeys.h"
 #include "ToolSupport.h"
+#include "UpdateSummary.h"
 
 namespace {
 
@@ -83,18 +86,42 @@ UpdateOutcome RunBiosUpdate(const UpdateRequest &Request, const UpdateInputs &In
   Options.CompletionStatus = 0;
   uint32_t Blocks = 0;  // the query's block count, told before each block
   Options.Progress = [&](uint32_t, uint32_t Count, uint64_t) { Blocks = Count; };
-  Options.AfterCall = [&](const ServiceCall &Call) {
-    const bool Continue = Recorder.Record(Call);
-    if (Progress && Recorder.Timeline().Calls.back().Service == "BiosWriteImage") {
-      Progress(Recorder.Timeline().Calls.back(), Blocks);
-    }
-    return Continue;
+  // Each call goes into the timeline; a block's call also into the progress display.
+  const auto RecordInto = [&Progress, &Blocks](TimelineRecorder &Into) {
+    return [&Progress, &Blocks, &Into](const ServiceCall &Call) {
+      const bool Continue = Into.Record(Call);
+      if (Progress && Into.Timeline().Calls.back().Service == "BiosWriteImage") {
+        Progress(Into.Timeline().Calls.back(), Blocks);
+      }
+      return Continue;
+    };
   };
+  Options.AfterCall = RecordInto(Recorder);
   if (Request.PowerCutAt) {
     Platform->Flash.CutPowerAtOperation(*Request.PowerCutAt);
   }
   Outcome.Report = RunUpdate(*Platform, Inputs.Image, Inputs.Signature, Options);
   Outcome.Timeline = Recorder.Timeline();
+
+  if (Request.Resume && Platform->Flash.PowerLost()) {
+    Outcome.Interruption = UpdateResultLine(Outcome) + "; ";
+    const NextBootPlan Plan = PlanNextBoot(*Platform, Outcome.Report.Variables, Options.Boot);
+    if (Plan.Copy == BootCopy::None) {
+      Outcome.Interruption += "the platform does not start again";
+    } else {
+      char Resume[32] = "";
+      if (Plan.Scenario.Resume) {
+        std::snprintf(Resume, sizeof(Resume), ", resume HOB 0x%02X", *Plan.Scenario.Resume);
+      }
+      Outcome.Interruption += std::string("the next boot runs the ") + BootCopyName(Plan.Copy) + " copies" + Resume;
+      Platform->Flash.ClearFaults();
+      TimelineRecorder Resumed(*Platform);
+      Options.Boot = Plan.Scenario;
+      Options.AfterCall = RecordInto(Resumed);
+      Outcome.Report = RunUpdate(*Platform, Inputs.Image, Inputs.Signature, Options);
+      Outcome.Timeline = Resumed.Timeline();
+    }
+  }
 
   const EmuLayout &Layout = Platform->Layout;
   Outcome.FlashAfter.assign(Platform->EcStore, Platform->EcStore + Layout.EcSize);

@@ -18,6 +18,7 @@ struct UpdateRequest {
   bool Untracked = false;   // --layout untracked
   bool PeiSignCheck = true;  // off with --no-pei-check
   std::optional<uint64_t> PowerCutAt;  // --power-cut N: the Nth erase or program loses power
+  bool Resume = false;  // --resume: after the cut, the next boot and the resumed update
 };
 
 struct UpdateInputs {
@@ -33,10 +34,15 @@ struct UpdateOutcome {
   UpdateTimeline Timeline;
   std::vector<uint8_t> FlashAfter;  // what the chip (and the EC store) held at the end
   std::string SetupError;           // the platform could not be made: nothing ran, FlashAfter is empty
+  // With --resume after a cut: how the interrupted run ended and how the next boot started;
+  // Report and Timeline are then the resumed update's.
+  std::string Interruption;
   bool Completed() const;           // every call succeeded, read-back equal, power kept
 };
 
 // The whole update as the firmware application runs it: query, verification, every block,
-// read-back, SetFlashCompletionStatus(0). Progress is told after each block is written.
+// read-back, SetFlashCompletionStatus(0). Progress is told after each block is written. With
+// Request.Resume a run the power cut ends is followed by the next boot (tools/lib/NextBoot.h)
+// and the same sequence again, as the application runs it on every boot.
 UpdateOutcome RunBiosUpdate(const UpdateRequest &Request, const UpdateInputs &Inputs,
                             const std::function<void(const TimelineCall &, uint32_t Blocks)> &Progress = {});

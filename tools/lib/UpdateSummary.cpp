@@ -198,6 +198,8 @@ std::string UpdateSummaryJson(const UpdateRequest &Request, const UpdateInputs &
   } else {
     Json.Null();
   }
+  Json.Key("interrupted");
+  Outcome.Interruption.empty() ? Json.Null() : Json.String(Outcome.Interruption);
   Json.Key("flash_changed").Bool(Outcome.FlashAfter != Inputs.Flash);
   Json.Key("flash_equals_image").Bool(Outcome.FlashAfter == Inputs.Image);
   Json.EndObject();
@@ -212,6 +214,10 @@ std::string UpdateSummaryText(const UpdateRequest &Request, const UpdateInputs &
   const auto Line = [&Text](const char *Label, const std::string &Value) {
     Text += Printf("  %-16s %s\n", Label, Value.c_str());
   };
+  if (!Outcome.Interruption.empty()) {
+    Line("interrupted", Outcome.Interruption);
+    Text += "  the resumed update:\n";
+  }
   for (const ServiceStatus &Service : kServices) {
     Line(Service.Key, Called(Outcome, Service.Service) ? EfiStatusName(Report.*Service.Status) : "not called");
     if (Service.Status == &UpdateReport::Verify && Report.BlockStatuses.empty()) {
