@@ -6,6 +6,7 @@
 #include "../../src/base/Guids.h"
 #include "../../src/base/ScopeGuard.h"
 #include "../common/ConsolePrint.h"
+#include "../common/FirmwareGlobals.h"
 #include "../common/ResumeState.h"
 #include "../common/RunScenario.h"
 #include "../common/VolumeFiles.h"
@@ -121,10 +122,7 @@ BOOLEAN RunScenarioOn(EFI_HANDLE ImageHandle, EFI_FILE_HANDLE Root) {
 }  // namespace
 
 extern "C" EFI_STATUS efi_main(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE *SystemTable) {
-  gImageHandle = ImageHandle;
-  gST = SystemTable;
-  gBS = SystemTable->BootServices;
-  gRT = SystemTable->RuntimeServices;
+  AdoptFirmwareTables(ImageHandle, SystemTable);
   ConsolePrint("\r\nBiosUpdateApp: starting\r\n");
 
   BOOLEAN Passed = FALSE;
