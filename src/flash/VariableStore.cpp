@@ -10,6 +10,7 @@
 #include "../driver/DriverState.h"
 #include "../driver/FlashMapFormat.h"
 #include "../verify/PreservedVariables.h"
+#include "../verify/Sha256.h"
 #include "VariableStoreFormat.h"
 
 namespace {
@@ -43,6 +44,29 @@ BOOLEAN AllBytesErased(const UINT8 *Bytes, UINTN Length) {
     }
   }
   return TRUE;
+}
+
+BOOLEAN Sha256Of(const UINT8 *Data, UINT32 Length, UINT8 *Digest) {
+  Sha256Context Context;
+  return Sha256Init(&Context) && Sha256Update(&Context, Data, Length) && Sha256Final(&Context, Digest);
+}
+
+// Where the seal sits in a backup area (its last sector), 0 when the area has no room for it.
+UINTN BackupSealOffset(UINTN AreaSize) {
+  return AreaSize > kVariableBackupSealSector ? AreaSize - kVariableBackupSealSector : 0;
+}
+
+EFI_STATUS WriteBackupSeal(const UINT8 *Backup, UINT32 Length) {
+  VariableBackupSeal Seal;
+  SetMem(&Seal, sizeof(Seal), 0);
+  Seal.Signature = kVariableBackupSealSignature;
+  Seal.Length = Length;
+  if (!Sha256Of(Backup, Length, Seal.Digest)) {
+    return EFI_OUT_OF_RESOURCES;
+  }
+  const UINT32 SealAddress =
+      gConfig.VariableBackupBase + static_cast<UINT32>(BackupSealOffset(gConfig.VariableBackupSize));
+  return mPlatformFlashService->WriteFlash(kFlashAccessImage, SealAddress, &Seal, sizeof(Seal));
 }
 
 BOOLEAN IsRegionTrackedResume() {
@@ -139,15 +163,32 @@ BOOLEAN IsNvStoreVolume(ByteView Volume, UINTN *HeadersLength) {
 }
 
 EFI_STATUS IsBackupStoreValid() {
-  return IsNvStoreVolume(MappedStore(gConfig.VariableBackupBase, gConfig.VariableBackupSize), nullptr)
-             ? EFI_SUCCESS
-             : EFI_NOT_FOUND;
+  const ByteView Area = MappedStore(gConfig.VariableBackupBase, gConfig.VariableBackupSize);
+  if (!IsNvStoreVolume(Area, nullptr)) {
+    return EFI_NOT_FOUND;
+  }
+  // The header alone is written first: with the remedies a backup also needs its seal.
+  return !gConfig.PowerLossRemedies || IsVariableBackupSealed(Area) ? EFI_SUCCESS : EFI_NOT_FOUND;
+}
+
+BOOLEAN IsVariableBackupSealed(ByteView Area) {
+  // A cut anywhere in the backup's own write comes before the seal is written, and a cut in
+  // the seal's write leaves no match.
+  const UINTN SealOffset = BackupSealOffset(Area.Size());
+  VariableBackupSeal Seal;
+  if (SealOffset == 0 || !Area.ReadBytes(SealOffset, &Seal, sizeof(Seal)) ||
+      Seal.Signature != kVariableBackupSealSignature || Seal.Length > SealOffset) {
+    return FALSE;
+  }
+  UINT8 Digest[kSha256DigestSize];
+  return Sha256Of(Area.Data(), Seal.Length, Digest) && CompareMem(Digest, Seal.Digest, sizeof(Digest)) == 0;
 }
 
 EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize) {
-  // A resumed update relies on the backup the interrupted one took. When the power failed
-  // after the completion had begun to erase it, there is none; the completion had already
-  // put the variables back into the live store, so the remedy takes the backup again.
+  // A resumed update relies on the backup the interrupted one took. With the remedies a backup
+  // without its seal is not relied on but taken again: either the power failed while it was
+  // written, before any of the image was, or after the completion had begun to erase it,
+  // when the completion had already put the variables back into the live store.
   const BOOLEAN BackupLost = gConfig.PowerLossRemedies && IsBackupStoreValid() != EFI_SUCCESS;
   if (IsRegionTrackedResume() && !BackupLost) {
     return EFI_ALREADY_STARTED;
@@ -178,11 +219,18 @@ EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize) {
     return EFI_NOT_FOUND;
   }
   // The selection alone must fit the backup area, and so must what is written.
-  if (Selected > gConfig.VariableBackupSize || Headers + Selected > gConfig.VariableBackupSize) {
+  // With the remedies the seal's sector must stay clear of it too.
+  const UINT64 Room =
+      gConfig.PowerLossRemedies ? BackupSealOffset(gConfig.VariableBackupSize) : gConfig.VariableBackupSize;
+  if (Selected > Room || Headers + Selected > Room) {
     return EFI_OUT_OF_RESOURCES;
   }
-  const EFI_STATUS Status = mPlatformFlashService->WriteFlash(kFlashAccessImage, gConfig.VariableBackupBase,
-                                                              Backup.Data(), static_cast<UINT32>(Headers + Selected));
+  const UINT32 Length = static_cast<UINT32>(Headers + Selected);
+  EFI_STATUS Status = mPlatformFlashService->WriteFlash(kFlashAccessImage, gConfig.VariableBackupBase, Backup.Data(),
+                                                        Length);
+  if (!EfiError(Status) && gConfig.PowerLossRemedies) {
+    Status = WriteBackupSeal(Backup.Data(), Length);
+  }
   return EfiError(Status) ? EFI_ACCESS_DENIED : EFI_SUCCESS;
 }
 

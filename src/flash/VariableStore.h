@@ -35,13 +35,18 @@ const UINT8 *GetNextVariableInStore(const UINT8 *Record, const UINT8 *StoreEnd);
 // volume's HeaderLength + the store header size: where the first record starts.
 BOOLEAN IsNvStoreVolume(ByteView Volume, UINTN *HeadersLength);
 
-// EFI_SUCCESS when the volume at VariableBackupBase is an NV store volume, else EFI_NOT_FOUND.
+// EFI_SUCCESS when the volume at VariableBackupBase is an NV store volume (with the power-loss
+// remedies: and the seal in the area's last sector matches the backup), else EFI_NOT_FOUND.
 EFI_STATUS IsBackupStoreValid();
+// A backup area (a power-loss remedy) whose last sector holds a seal with "Q42BKSEL", a length
+// that stays below that sector and the SHA-256 of the area's first Length bytes.
+BOOLEAN IsVariableBackupSealed(ByteView Area);
 // Copies the live store's headers and the variables to preserve into the backup area.
 // EFI_ALREADY_STARTED (resumed region-tracked update, or a backup is there), EFI_NO_MAPPING
 // (the image puts the backup area elsewhere), EFI_NOT_FOUND (no live NV store volume, or the
 // selection failed), EFI_OUT_OF_RESOURCES (no pool, or the selection does not fit the
-// backup area), EFI_NOT_READY (no flash service), EFI_ACCESS_DENIED (the write failed).
+// backup area, less the seal's sector with the remedies), EFI_NOT_READY (no flash service),
+// EFI_ACCESS_DENIED (a write failed). With the remedies the seal is written after the backup.
 EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize);
 // Writes the backup's variables behind the live store's own headers into the live store.
 // EFI_NOT_FOUND (backup or live volume not an NV store volume), EFI_OUT_OF_RESOURCES,

@@ -39,8 +39,23 @@ struct AuthenticatedVariableHeader {
   EFI_GUID VendorGuid;    // 44
 };                        // 60: the name, then the data
 
+// With the power-loss remedies on, a backup counts only once this seal, written into the
+// backup area's last sector after the backup itself, holds the SHA-256 of its bytes.
+struct VariableBackupSeal {
+  UINT64 Signature;   // 0: "Q42BKSEL"
+  UINT32 Length;      // 8: backup bytes covered, from the area's start
+  UINT32 Reserved;    // 12
+  UINT8 Digest[32];   // 16
+};
+
 #pragma pack(pop)
 
+constexpr UINT64 kVariableBackupSealSignature = 0x4C45534B42323451ULL;  // "Q42BKSEL"
+constexpr UINT32 kVariableBackupSealSector = 0x1000;
+
+static_assert(sizeof(VariableBackupSeal) == 48);
+static_assert(offsetof(VariableBackupSeal, Length) == 8);
+static_assert(offsetof(VariableBackupSeal, Digest) == 16);
 static_assert(sizeof(VariableStoreHeaderVss) == 16);
 static_assert(offsetof(VariableStoreHeaderVss, Size) == 4);
 static_assert(offsetof(VariableStoreHeaderVss, Format) == 8);

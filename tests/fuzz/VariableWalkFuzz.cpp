@@ -1,5 +1,5 @@
 // Arbitrary bytes as an NV store volume: header recognition in both forms and the record walk
-// must stay inside the bytes given and end.
+// must stay inside the bytes given and end; as a backup area, its seal check too.
 #include <cstdint>
 #include <vector>
 
@@ -26,6 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
       Sum++;
     }
   }
+  Sum += IsVariableBackupSealed(ByteView(Volume.data(), Volume.size()));
   ResetConfigForTest();
   volatile UINT64 Sink = Sum;
   (void)Sink;

@@ -419,13 +419,13 @@ CampaignReport RunPowerCutCampaign(const CampaignOptions &Options) {
 
 const std::vector<KnownLoss> &KnownLosses() {
   static const std::vector<KnownLoss> Known = {
-      {"partial-backup-trusted", false,
+      {"partial-backup-trusted", true,
        "a cut while verification writes the variable backup leaves its volume header whole and its records "
        "not; the next verification sees a valid backup (\"a backup is already there\") and keeps it, and "
        "the first block and the completion restore the live store from it: the preserved variables past the "
-       "cut are lost (prescribed: the backup is judged by its header alone; no remedy yet: retaking a backup "
-       "that differs from the live store's selection trades these cuts for those of the first block's "
-       "restore, where the live store is the half-written one)"},
+       "cut are lost (prescribed: the backup is judged by its header alone; remedy: a seal holding the "
+       "backup's SHA-256, written into the area's last sector after the backup, without which the backup is "
+       "taken again)"},
       {"resume-without-backup", true,
        "the completion erases the variable backup before it clears the progress record; a cut from the erase "
        "on leaves an update to resume without a backup, the resumed verification takes none (the interrupted "
