@@ -178,6 +178,13 @@ std::function<void(UpdateStaging &)> ToolWith(UINT64 Characteristics, std::u16st
     Test.AddToolsVolume({u"ZQ"}, Tool);
   };
 }
+// One volume of the class and label given holding the tool at Path.
+std::function<void(UpdateStaging &)> ToolOn(bool Removable, bool Marked, std::u16string Label, std::u16string Path) {
+  return [=](UpdateStaging &Test) {
+    Test.AddSmbios(0);
+    Test.AddVolume(Removable, Marked, Label).AddFile(Path + kZqTool, {1});
+  };
+}
 std::function<void(UpdateStaging &)> Plain(std::function<void(UpdateStaging &, SimVolume &)> Then) {
   return [=](UpdateStaging &Test) {
     Test.AddSmbios(0);
@@ -190,30 +197,10 @@ const StagingRow kRows[] = {
     {"Bit54AlonePicksBiosMgmt", ToolWith(kBit54, kAltTool), std::nullopt},
     {"Bits53And54PickZqBiosMgmt", ToolWith(kBit53 | kBit54, kZqTool), std::nullopt},
     // Volume classes.
-    {"RemovableOtherLabelMarkedUsesEfiZq",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddVolume(true, true, u"ZQ_TOOLS2").AddFile(u"EFI\\ZQ" + kZqTool, {1});
-     },
-     std::nullopt},
-    {"RemovableOtherLabelUnmarkedIsPassedOver",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddVolume(true, false, u"ZQ_TOOL").AddFile(u"ZQ" + kZqTool, {1});
-     },
-     EFI_NO_MEDIA},
-    {"FixedDiskLabelledZqToolsIsNoToolsVolume",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddVolume(false, false, u"ZQ_TOOLS").AddFile(u"ZQ" + kZqTool, {1});
-     },
-     EFI_NO_MEDIA},
-    {"ToolsVolumeNeverSearchesEfiZq",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddToolsVolume({u"EFI\\ZQ"});
-     },
-     EFI_NO_MEDIA},
+    {"RemovableOtherLabelMarkedUsesEfiZq", ToolOn(true, true, u"ZQ_TOOLS2", u"EFI\\ZQ"), std::nullopt},
+    {"RemovableOtherLabelUnmarkedIsPassedOver", ToolOn(true, false, u"ZQ_TOOL", u"ZQ"), EFI_NO_MEDIA},
+    {"FixedDiskLabelledZqToolsIsNoToolsVolume", ToolOn(false, false, u"ZQ_TOOLS", u"ZQ"), EFI_NO_MEDIA},
+    {"ToolsVolumeNeverSearchesEfiZq", ToolOn(true, false, u"ZQ_TOOLS", u"EFI\\ZQ"), EFI_NO_MEDIA},
     {"UnreadableVolumesArePassedOver",
      [](UpdateStaging &Test) {
        Test.AddSmbios(0);

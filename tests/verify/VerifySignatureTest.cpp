@@ -161,13 +161,14 @@ SignedImage MakeVariant(Variant Kind) {
   return Made;
 }
 
+using Arrange = std::function<void(VerifySignature &, EmuPlatform &)>;
 struct RefusalCase {
   const char *Name;
   Variant Image;
   std::vector<const EFI_GUID *> Hobs;
-  std::function<void(VerifySignature &, EmuPlatform &)> Setup;
   EFI_STATUS Expected;
   bool ImageKept;  // mVerifiedImage holds the image afterwards
+  Arrange Setup = nullptr;
 };
 
 class VerifyRefusals : public VerifySignature, public ::testing::WithParamInterface<RefusalCase> {};
@@ -196,50 +197,39 @@ TEST_P(VerifyRefusals, ExactStatusAndWhatIsKept) {
 const EFI_GUID *kPei = &gPeiSignCheckHobGuid;
 const EFI_GUID *kEnforce = &gFvSignatureEnforceHobGuid;
 const EFI_GUID *kWaiver = &gFvSignatureWaiverHobGuid;
-const auto kNoSetup = std::function<void(VerifySignature &, EmuPlatform &)>();
+constexpr EFI_STATUS kRefused = EFI_SECURITY_VIOLATION;
+using V = Variant;
 
 INSTANTIATE_TEST_SUITE_P(
     Table, VerifyRefusals,
     ::testing::Values(
-        RefusalCase{"Accepted", Variant::Signed, {kPei, kEnforce}, kNoSetup, EFI_SUCCESS, true},
-        RefusalCase{"TamperedWithPeiHob", Variant::Tampered, {kPei}, kNoSetup, EFI_SECURITY_VIOLATION, false},
-        RefusalCase{"ForeignKeyWithoutPeiHobGoesOn", Variant::ForeignKey, {}, kNoSetup, EFI_SUCCESS, true},
-        RefusalCase{"ForeignKeyWithPeiHob", Variant::ForeignKey, {kPei}, kNoSetup, EFI_SECURITY_VIOLATION, false},
-        RefusalCase{"SecondSelectorStatusReturned", Variant::ForeignKey, {kPei},
-                    [](VerifySignature &, EmuPlatform &P) { P.SignatureKeys.Keys[0].ModulusSize = 0; },
-                    EFI_NOT_FOUND, false},
-        RefusalCase{"PeiHobWithoutDxeCheck", Variant::Signed, {kPei},
-                    [](VerifySignature &, EmuPlatform &) { gConfig.DxeSignCheckFlag = FALSE; },
-                    EFI_SECURITY_VIOLATION, false},
-        RefusalCase{"PlatformRefusesImage", Variant::Signed, {},
-                    [](VerifySignature &, EmuPlatform &P) { P.Config->CheckImage = RefuseImage; }, EFI_ABORTED,
-                    false},
-        RefusalCase{"NoVerifier", Variant::Signed, {},
-                    [](VerifySignature &T, EmuPlatform &) { T.WithoutVerifier(); }, EFI_NOT_FOUND,
-                    false},
-        RefusalCase{"LayoutQueryFails", Variant::Signed, {},
-                    [](VerifySignature &T, EmuPlatform &P) {
-                      T.RegionTracked();
-                      P.Config->GetUpdateLayout = FailLayout;
-                    },
-                    EFI_DEVICE_ERROR, false},
-        RefusalCase{"NoSignatureFileEvenUnenforced", Variant::NoSignatureFile, {}, kNoSetup, EFI_SECURITY_VIOLATION,
-                    false},
-        RefusalCase{"BadFvSignatureEnforced", Variant::BadFvSignature, {kEnforce}, kNoSetup, EFI_SECURITY_VIOLATION,
-                    false},
-        RefusalCase{"BadFvSignatureWaived", Variant::BadFvSignature, {kEnforce, kWaiver}, kNoSetup, EFI_SUCCESS, true},
-        RefusalCase{"BadFvSignatureUnenforced", Variant::BadFvSignature, {}, kNoSetup, EFI_SUCCESS, true},
-        RefusalCase{"NoFlashMapRecord", Variant::NoFlashMap, {}, kNoSetup, EFI_NOT_FOUND, false},
-        RefusalCase{"FlashMapSignatureFails", Variant::BadRegion, {}, kNoSetup, EFI_SECURITY_VIOLATION, false},
-        RefusalCase{"FlashMapUncheckedWithoutBootBlockFeature", Variant::BadRegion, {},
-                    [](VerifySignature &T, EmuPlatform &) { T.WithoutBootBlockFeature(); }, EFI_SUCCESS,
-                    true},
-        RefusalCase{"StagingFails", Variant::Signed, {},
-                    [](VerifySignature &, EmuPlatform &P) { P.ExtendedCmos[0xF8] = 0xFF; }, EFI_NOT_READY, false},
-        RefusalCase{"HookRefusesAfterTheCopy", Variant::Signed, {},
-                    [](VerifySignature &T, EmuPlatform &) { T.AddRejectingHookAfterStart = true; },
-                    EFI_SECURITY_VIOLATION, true},
-        RefusalCase{"ImageTooShortForExcludedArea", Variant::Short, {}, kNoSetup, EFI_BAD_BUFFER_SIZE, false}),
+        RefusalCase{"Accepted", V::Signed, {kPei, kEnforce}, EFI_SUCCESS, true},
+        RefusalCase{"TamperedWithPeiHob", V::Tampered, {kPei}, kRefused, false},
+        RefusalCase{"ForeignKeyWithoutPeiHobGoesOn", V::ForeignKey, {}, EFI_SUCCESS, true},
+        RefusalCase{"ForeignKeyWithPeiHob", V::ForeignKey, {kPei}, kRefused, false},
+        RefusalCase{"SecondSelectorStatusReturned", V::ForeignKey, {kPei}, EFI_NOT_FOUND, false,
+                    [](VerifySignature &, EmuPlatform &P) { P.SignatureKeys.Keys[0].ModulusSize = 0; }},
+        RefusalCase{"PeiHobWithoutDxeCheck", V::Signed, {kPei}, kRefused, false,
+                    [](VerifySignature &, EmuPlatform &) { gConfig.DxeSignCheckFlag = FALSE; }},
+        RefusalCase{"PlatformRefusesImage", V::Signed, {}, EFI_ABORTED, false,
+                    [](VerifySignature &, EmuPlatform &P) { P.Config->CheckImage = RefuseImage; }},
+        RefusalCase{"NoVerifier", V::Signed, {}, EFI_NOT_FOUND, false,
+                    [](VerifySignature &T, EmuPlatform &) { T.WithoutVerifier(); }},
+        RefusalCase{"LayoutQueryFails", V::Signed, {}, EFI_DEVICE_ERROR, false,
+                    [](VerifySignature &T, EmuPlatform &P) { T.RegionTracked(); P.Config->GetUpdateLayout = FailLayout; }},
+        RefusalCase{"NoSignatureFileEvenUnenforced", V::NoSignatureFile, {}, kRefused, false},
+        RefusalCase{"BadFvSignatureEnforced", V::BadFvSignature, {kEnforce}, kRefused, false},
+        RefusalCase{"BadFvSignatureWaived", V::BadFvSignature, {kEnforce, kWaiver}, EFI_SUCCESS, true},
+        RefusalCase{"BadFvSignatureUnenforced", V::BadFvSignature, {}, EFI_SUCCESS, true},
+        RefusalCase{"NoFlashMapRecord", V::NoFlashMap, {}, EFI_NOT_FOUND, false},
+        RefusalCase{"FlashMapSignatureFails", V::BadRegion, {}, kRefused, false},
+        RefusalCase{"FlashMapUncheckedWithoutBootBlockFeature", V::BadRegion, {}, EFI_SUCCESS, true,
+                    [](VerifySignature &T, EmuPlatform &) { T.WithoutBootBlockFeature(); }},
+        RefusalCase{"StagingFails", V::Signed, {}, EFI_NOT_READY, false,
+                    [](VerifySignature &, EmuPlatform &P) { P.ExtendedCmos[0xF8] = 0xFF; }},
+        RefusalCase{"HookRefusesAfterTheCopy", V::Signed, {}, kRefused, true,
+                    [](VerifySignature &T, EmuPlatform &) { T.AddRejectingHookAfterStart = true; }},
+        RefusalCase{"ImageTooShortForExcludedArea", V::Short, {}, EFI_BAD_BUFFER_SIZE, false}),
     [](const ::testing::TestParamInfo<RefusalCase> &Info) { return std::string(Info.param.Name); });
 
 // ---- The excluded area, the security settings, the digests, a second verification ----------
@@ -313,7 +303,7 @@ TEST_P(VerifyDigests, ErasedOnlyWhenTheFamilyBecomesF) {
   EXPECT_EQ(Flash(kDigestArea1Address, kDigestArea1Size), Area1);
   EXPECT_EQ(Flash(kDigestArea3Address, kDigestArea3Size),
             Case.Erased ? std::vector<uint8_t>(kDigestArea3Size, 0xFF) : Digest);
-  EXPECT_EQ(Flash(kDigestArea2Address, kDigestArea2Size)[0] == 0xFF, true);
+  EXPECT_EQ(Flash(kDigestArea2Address, kDigestArea2Size)[0], 0xFF);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, VerifyDigests,
