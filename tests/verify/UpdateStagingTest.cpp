@@ -83,9 +83,8 @@ public:
   void PublishCmosImage() {
     CmosImage = static_cast<UINT8 *>(EmuHostAllocateBelow4G(CmosToRomImage::kSize));
     std::memset(CmosImage, 0, CmosToRomImage::kSize);
-    UINT16 Checksum = CmosImageChecksum(CmosImage, 1);
-    CmosImage[CmosToRomImage::kBank1ChecksumOffset] = static_cast<UINT8>(Checksum);
-    CmosImage[CmosToRomImage::kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
+    const UINT16 Checksum = CmosImageChecksum(CmosImage, 1);
+    std::memcpy(CmosImage + CmosToRomImage::kBank1ChecksumOffset, &Checksum, sizeof(Checksum));
     auto Address = static_cast<UINT32>(reinterpret_cast<UINTN>(CmosImage));
     Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
   }
