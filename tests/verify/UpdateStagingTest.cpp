@@ -196,7 +196,6 @@ const StagingRow kRows[] = {
     {"Bit54AlonePicksBiosMgmt", ToolWith(kBit54, kAltTool), std::nullopt},
     {"Bits53And54PickZqBiosMgmt", ToolWith(kBit53 | kBit54, kZqTool), std::nullopt},
     // Volume classes.
-    {"RemovableOtherLabelMarkedUsesEfiZq", ToolOn(true, true, u"ZQ_TOOLS2", u"EFI\\ZQ"), std::nullopt},
     {"RemovableOtherLabelUnmarkedIsPassedOver", ToolOn(true, false, u"ZQ_TOOL", u"ZQ"), EFI_NO_MEDIA},
     {"FixedDiskLabelledZqToolsIsNoToolsVolume", ToolOn(false, false, u"ZQ_TOOLS", u"ZQ"), EFI_NO_MEDIA},
     {"ToolsVolumeNeverSearchesEfiZq", ToolOn(true, false, u"ZQ_TOOLS", u"EFI\\ZQ"), EFI_NO_MEDIA},
