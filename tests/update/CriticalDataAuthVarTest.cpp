@@ -221,12 +221,8 @@ EFI_STATUS EFIAPI RecordSmmNotify(const EFI_GUID *Protocol, VOID *Function, VOID
 // firmware block service is waited for through an SMM notification, cancelled at unload.
 TEST_F(CriticalDigest, FindsItsServiceAtStartOrWhenInstalledLater) {
   EXPECT_EQ(mQ42OFCServicePtr, Platform->FlashDevice);
-  UINTN Count = 0;
-  EFI_HANDLE *Handles = nullptr;
   EFI_GUID *Device = const_cast<EFI_GUID *>(&gPlatformFlashDeviceProtocolGuid);
-  ASSERT_EQ(gBS->LocateHandleBuffer(ByProtocol, Device, nullptr, &Count, &Handles), EFI_SUCCESS);
-  ASSERT_EQ(gBS->UninstallProtocolInterface(Handles[0], Device, Platform->FlashDevice), EFI_SUCCESS);
-  gBS->FreePool(Handles);
+  ASSERT_EQ(gBS->UninstallProtocolInterface(Sim.HandlesWith(*Device).at(0), Device, Platform->FlashDevice), EFI_SUCCESS);
 
   ResetCriticalDataAuthVarForTest();
   ASSERT_EQ(CriticalDataAuthVarLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);

@@ -103,14 +103,9 @@ TEST_F(PhysicalPresence, TheEnableSwitchHasTwoFormsAndAnOffSwitchChangesNothing)
     Platform->Settings.SetupRecord[87] = Case.SetupByte87;
     Platform->Settings.SecuritySetup->PpRecordingSwitch = Case.SecuritySwitch;
     Record.assign(kSecuritySettingsSize, kSentinel);
-    EFI_STATUS Status = RecordPhysicalPresenceFlags(Record.data());
-    if (Case.Enabled) {
-      EXPECT_EQ(Status, EFI_SUCCESS) << Case.Name;
-      EXPECT_EQ(Source(), kPpFlagsSourceTcg) << Case.Name;
-    } else {
-      EXPECT_EQ(Status, EFI_UNSUPPORTED) << Case.Name;
-      EXPECT_EQ(Record, SettingsBytes(kSecuritySettingsSize, kSentinel)) << Case.Name;
-    }
+    EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), Case.Enabled ? EFI_SUCCESS : EFI_UNSUPPORTED) << Case.Name;
+    EXPECT_EQ(Source(), Case.Enabled ? kPpFlagsSourceTcg : kSentinel) << Case.Name;
+    EXPECT_EQ(Record == SettingsBytes(kSecuritySettingsSize, kSentinel), !Case.Enabled) << "an off switch changes nothing";
   }
 }
 

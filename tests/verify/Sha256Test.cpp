@@ -13,6 +13,7 @@
 
 #include "src/base/Globals.h"
 #include "src/verify/Sha256.h"
+#include "tools/lib/ImageBuilder.h"
 
 namespace {
 
@@ -70,18 +71,9 @@ std::string Hash(const UINT8 *Data, size_t Length, size_t Piece, std::mt19937_64
   return ToHex(Out);
 }
 
-std::vector<UINT8> RandomBytes(size_t Size, UINT64 Seed) {
-  std::mt19937_64 Rng(Seed);
-  std::vector<UINT8> Bytes(Size);
-  for (auto &Byte : Bytes) {
-    Byte = static_cast<UINT8>(Rng());
-  }
-  return Bytes;
-}
-
 // How the input is cut and aligned never changes the digest.
 TEST(Sha256, MatchesItsPublishedAnswerAndOpenSslForEveryShortLengthAndRandomCutsAndAlignments) {
-  const auto Source = RandomBytes(200 * 1024 + 64, 2);
+  const auto Source = PseudoRandomBytes(200 * 1024 + 64, 2);
   std::mt19937_64 Rng(0x5A256);
   EXPECT_EQ(Hash(reinterpret_cast<const UINT8 *>("abc"), 3, 2, Rng),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad") << "the published answer";
@@ -100,7 +92,7 @@ TEST(Sha256, MatchesItsPublishedAnswerAndOpenSslForEveryShortLengthAndRandomCuts
 
 TEST(Sha256, RefusalsGiveTheirExactResultAndNeverWriteOutsideTheContext) {
   EXPECT_EQ(Sha256GetContextSize(), 112u);
-  const auto Message = RandomBytes(200, 9);
+  const auto Message = PseudoRandomBytes(200, 9);
   Digest Out{};
   EXPECT_FALSE(Sha256Init(nullptr) || Sha256Update(nullptr, Message.data(), 0) || Sha256Final(nullptr, Out.data()));
   EXPECT_EQ(Sha256CoreInit(nullptr), SHA256_ERROR_NULL);
@@ -166,7 +158,7 @@ TEST(Sha256, OfBlockHashesTheFirst4096BytesInAWipedPoolContextAndFailsWithoutTou
   EFI_BOOT_SERVICES *Saved = gBS;
   gBS = &Services;
   gPool = PoolRecord{};
-  const auto Data = RandomBytes(8192, 11);
+  const auto Data = PseudoRandomBytes(8192, 11);
   Digest Out{};
   ASSERT_TRUE(Sha256OfBlock(Data.data(), Out.data()));
   EXPECT_EQ(ToHex(Out), OpenSslHex(Data.data(), 4096));

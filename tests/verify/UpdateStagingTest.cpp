@@ -18,8 +18,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-constexpr UINT64 kBit53 = 1ull << 53;
-constexpr UINT64 kBit54 = 1ull << 54;
 const std::u16string kZqTool = u"\\BIOSUpdate\\ZqBiosMgmt.efi";
 const std::u16string kAltTool = u"\\BIOSUpdate\\BiosMgmt.efi";
 
@@ -193,8 +191,8 @@ std::function<void(UpdateStaging &)> Plain(std::function<void(UpdateStaging &, S
 
 const StagingRow kRows[] = {
     // The tool's flavour from the BIOS Information characteristics.
-    {"Bit54AlonePicksBiosMgmt", ToolWith(kBit54, kAltTool), std::nullopt},
-    {"Bits53And54PickZqBiosMgmt", ToolWith(kBit53 | kBit54, kZqTool), std::nullopt},
+    {"Bit54AlonePicksBiosMgmt", ToolWith(1ull << 54, kAltTool), std::nullopt},
+    {"Bits53And54PickZqBiosMgmt", ToolWith(3ull << 53, kZqTool), std::nullopt},
     // Volume classes.
     {"RemovableOtherLabelUnmarkedIsPassedOver", ToolOn(true, false, u"ZQ_TOOL", u"ZQ"), EFI_NO_MEDIA},
     {"FixedDiskLabelledZqToolsIsNoToolsVolume", ToolOn(false, false, u"ZQ_TOOLS", u"ZQ"), EFI_NO_MEDIA},
