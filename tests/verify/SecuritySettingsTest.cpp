@@ -126,21 +126,18 @@ TEST_F(SecuritySettingsWrite, SealsWithTheWordChecksumOrWithSha256UnderDigestPro
 }
 
 TEST_F(SecuritySettingsWrite, RefusalsTouchNeitherTheRecordNorTheFlash) {
-  struct Case {
+  const struct {
     const char *Name;
-    bool BackupSupported;
-    bool Magic;
-    bool EraseMember;
+    bool BackupSupported, Magic, EraseMember;
     EFI_STATUS Expected;
-  };
-  const Case Cases[] = {
+  } Cases[] = {
       {"backup not supported", false, true, true, EFI_UNSUPPORTED},
       {"no magic", true, false, true, EFI_ACCESS_DENIED},
       {"flash device without an erase member", true, true, false, EFI_PROTOCOL_ERROR},
   };
   StartWithFlags(true, false);
   PLATFORM_FLASH_DEVICE_ERASE Erase = Platform->FlashDevice->FlashDeviceErase;
-  for (const Case &Item : Cases) {
+  for (const auto &Item : Cases) {
     SettingsBackupSupported = Item.BackupSupported;
     Platform->FlashDevice->FlashDeviceErase = Item.EraseMember ? Erase : nullptr;
     SettingsBytes Record = MakeSettingsRecord(7, Item.Magic, 0x33);
