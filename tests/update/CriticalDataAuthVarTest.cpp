@@ -219,7 +219,8 @@ EFI_STATUS EFIAPI RecordSmmNotify(const EFI_GUID *Protocol, VOID *Function, VOID
 TEST_F(CriticalDigest, FindsItsServiceAtStartOrWhenInstalledLater) {
   EXPECT_EQ(mQ42OFCServicePtr, Platform->FlashDevice);
   EFI_GUID *Device = const_cast<EFI_GUID *>(&gPlatformFlashDeviceProtocolGuid);
-  ASSERT_EQ(gBS->UninstallProtocolInterface(Sim.HandlesWith(*Device).at(0), Device, Platform->FlashDevice), EFI_SUCCESS);
+  const EFI_HANDLE Holder = Sim.HandlesWith(*Device).at(0);
+  ASSERT_EQ(gBS->UninstallProtocolInterface(Holder, Device, Platform->FlashDevice), EFI_SUCCESS);
 
   ResetCriticalDataAuthVarForTest();
   ASSERT_EQ(CriticalDataAuthVarLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);

@@ -105,7 +105,7 @@ TEST_F(PhysicalPresence, TheEnableSwitchHasTwoFormsAndAnOffSwitchChangesNothing)
     Record.assign(kSecuritySettingsSize, kSentinel);
     EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), Case.Enabled ? EFI_SUCCESS : EFI_UNSUPPORTED) << Case.Name;
     EXPECT_EQ(Source(), Case.Enabled ? kPpFlagsSourceTcg : kSentinel) << Case.Name;
-    EXPECT_EQ(Record == SettingsBytes(kSecuritySettingsSize, kSentinel), !Case.Enabled) << "an off switch changes nothing";
+    EXPECT_EQ(Record == SettingsBytes(kSecuritySettingsSize, kSentinel), !Case.Enabled) << Case.Name;
   }
 }
 

@@ -224,7 +224,10 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"NoVerifier", V::Signed, {}, EFI_NOT_FOUND, false,
                     [](VerifySignature &T, EmuPlatform &) { T.WithoutVerifier(); }},
         RefusalCase{"LayoutQueryFails", V::Signed, {}, EFI_DEVICE_ERROR, false,
-                    [](VerifySignature &T, EmuPlatform &P) { T.RegionTracked(); P.Config->GetUpdateLayout = FailLayout; }},
+                    [](VerifySignature &T, EmuPlatform &P) {
+                      T.RegionTracked();
+                      P.Config->GetUpdateLayout = FailLayout;
+                    }},
         RefusalCase{"NoSignatureFileEvenUnenforced", V::NoSignatureFile, {}, kRefused, false},
         RefusalCase{"BadFvSignatureEnforced", V::BadFvSignature, {kEnforce}, kRefused, false},
         RefusalCase{"BadFvSignatureWaived", V::BadFvSignature, {kEnforce, kWaiver}, EFI_SUCCESS, true},
