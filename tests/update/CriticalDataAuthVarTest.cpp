@@ -3,6 +3,7 @@
 // its service at start (boot services, a later installation, SMM).
 #include <openssl/sha.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,11 +29,6 @@ Bytes Sha256Of(const Bytes &Data) {
   return Digest;
 }
 
-bool NamedCritical(const VariableRecord &Record) {
-  return (Record.Name == u"AmdSetupPHX" && std::memcmp(&Record.Vendor, &gAmdCbsSetupVariableGuid, 16) == 0) ||
-         (Record.Name == u"AMD_PBS_SETUP" && std::memcmp(&Record.Vendor, &gAmdPbsSetupVariableGuid, 16) == 0);
-}
-
 class CriticalDigest : public FlashFixture {
 protected:
   void SetUp() override {
@@ -40,17 +36,17 @@ protected:
     EnableTraces(true);
   }
 
-  // Puts a live store holding Records into the chip; returns the digest the block must get.
-  Bytes LoadStore(const std::vector<VariableRecord> &Records) {
+  // Puts a live store holding Records into the chip; returns the digest the block must get
+  // when the records named in Counted are gathered in store order (zeros when none is).
+  Bytes LoadStore(const std::vector<VariableRecord> &Records,
+                  const std::set<std::u16string> &Counted = {u"AmdSetupPHX", u"AMD_PBS_SETUP"}) {
     VariableStoreBuilder Store(kVariableStoreSize, StoreHeaderForm::Vss);
     Store.Add(Records);
     Platform->Flash.Load(kVariableStoreAddress - kMappedBase, Store.Bytes().data(), kVariableStoreSize);
     Bytes Gathered;
     for (const VariableRecord &Record : Records) {
-      if (NamedCritical(Record) && (Record.State == 0x3F || Record.State == 0x3E)) {
-        const Bytes One = VariableRecordBytes(Record);
-        Gathered.insert(Gathered.end(), One.begin(), One.end());
-      }
+      const Bytes One = Counted.count(Record.Name) != 0 ? VariableRecordBytes(Record) : Bytes();
+      Gathered.insert(Gathered.end(), One.begin(), One.end());
     }
     return Gathered.empty() ? Bytes(32, 0) : Sha256Of(Gathered);
   }
@@ -114,15 +110,16 @@ TEST_F(CriticalDigest, GathersLiveCriticalRecordsOnly) {
   struct Row {
     const char *Name;
     std::vector<VariableRecord> Records;
+    std::set<std::u16string> Counted;
   } Rows[] = {
-      {"both", DefaultLiveVariables()},
-      {"deleted", With([](VariableRecord &R) { R.State = 0x3C; })},
-      {"in deleted transition", With([](VariableRecord &R) { R.State = 0x3E; })},
-      {"other vendor", With([](VariableRecord &R) { R.Vendor = gPlatformVariableGuid; })},
-      {"none", {PlainVariable(u"Timeout", gEfiGlobalVariableVendorGuid, {5, 0})}},
+      {"both", DefaultLiveVariables(), {u"AmdSetupPHX", u"AMD_PBS_SETUP"}},
+      {"deleted", With([](VariableRecord &R) { R.State = 0x3C; }), {u"AMD_PBS_SETUP"}},
+      {"in deleted transition", With([](VariableRecord &R) { R.State = 0x3E; }), {u"AmdSetupPHX", u"AMD_PBS_SETUP"}},
+      {"other vendor", With([](VariableRecord &R) { R.Vendor = gPlatformVariableGuid; }), {u"AMD_PBS_SETUP"}},
+      {"none", {PlainVariable(u"Timeout", gEfiGlobalVariableVendorGuid, {5, 0})}, {}},
   };
   for (const Row &R : Rows) {
-    const Bytes Expected = LoadStore(R.Records);
+    const Bytes Expected = LoadStore(R.Records, R.Counted);
     EXPECT_EQ(Q42CriticalDataAuthVar(), EFI_SUCCESS) << R.Name;
     EXPECT_EQ(Flash(kBlock + 32, 32), Expected) << R.Name;
   }
@@ -221,12 +218,9 @@ EFI_STATUS EFIAPI RecordSmmNotify(const EFI_GUID *Protocol, VOID *Function, VOID
 // firmware block service is waited for through an SMM notification, cancelled at unload.
 TEST_F(CriticalDigest, FindsItsServiceAtStartOrWhenInstalledLater) {
   EXPECT_EQ(mQ42OFCServicePtr, Platform->FlashDevice);
-  UINTN Count = 0;
-  EFI_HANDLE *Handles = nullptr;
   EFI_GUID *Device = const_cast<EFI_GUID *>(&gPlatformFlashDeviceProtocolGuid);
-  ASSERT_EQ(gBS->LocateHandleBuffer(ByProtocol, Device, nullptr, &Count, &Handles), EFI_SUCCESS);
-  ASSERT_EQ(gBS->UninstallProtocolInterface(Handles[0], Device, Platform->FlashDevice), EFI_SUCCESS);
-  gBS->FreePool(Handles);
+  const EFI_HANDLE Holder = Sim.HandlesWith(*Device).at(0);
+  ASSERT_EQ(gBS->UninstallProtocolInterface(Holder, Device, Platform->FlashDevice), EFI_SUCCESS);
 
   ResetCriticalDataAuthVarForTest();
   ASSERT_EQ(CriticalDataAuthVarLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);

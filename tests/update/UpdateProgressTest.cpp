@@ -75,8 +75,8 @@ TEST_F(UpdateProgress, InvalidatesAndRestoresOnlyTheSignature) {
     EXPECT_EQ(FlashAt(kPspL1DirectoryAddress, 0x1000), R.Cookie + Block.substr(4)) << R.Name;
     EXPECT_EQ(IsPspDirectoryInvalidated(), R.Cookie != "$PSP") << R.Name;
     for (const EmuCall &Write : CallsNamed("WriteFlash")) {
-      EXPECT_EQ(Write.Arguments[0], 1u) << R.Name;
-      EXPECT_EQ(Write.Arguments[1], kPspL1DirectoryAddress) << R.Name;
+      EXPECT_EQ(std::make_pair(Write.Arguments[0], Write.Arguments[1]),
+                std::make_pair(UINT64{1}, UINT64{kPspL1DirectoryAddress})) << R.Name;
     }
   }
 }

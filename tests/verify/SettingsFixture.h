@@ -127,17 +127,10 @@ protected:
   void LoadLive(const SettingsBytes &Record) { std::memcpy(Live(), Record.data(), Record.size()); }
   void LoadBackup(const SettingsBytes &Record) { std::memcpy(Backup(), Record.data(), Record.size()); }
 
-  // The 1-byte repair note, or -1 when it was not written.
+  // The 1-byte repair note with its attributes above it (0x700 | note), or -1 when it was not written.
   int FailFlag() const {
     const SimVariable *Variable = Sim.FindVariable(u"Q42SaftyProtectedCheckSumFailFlag", gPlatformVariableGuid);
-    if (Variable == nullptr || Variable->Data.size() != 1) {
-      return -1;
-    }
-    return Variable->Data[0];
-  }
-  UINT32 FailFlagAttributes() const {
-    const SimVariable *Variable = Sim.FindVariable(u"Q42SaftyProtectedCheckSumFailFlag", gPlatformVariableGuid);
-    return Variable == nullptr ? 0 : Variable->Attributes;
+    return Variable == nullptr || Variable->Data.size() != 1 ? -1 : int(Variable->Attributes << 8 | Variable->Data[0]);
   }
 
   size_t Calls(const char *Name) const { return Platform->CountCalls(Name); }

@@ -78,7 +78,6 @@ TEST_F(UpdateRegions, ReferenceLayoutReproducesTheDocumentedTableWithAndWithoutE
           << Index;
     }
     EXPECT_TRUE(mSkipIbb4Write) << "the flash holds the same PSP region";
-    EXPECT_EQ(ProgressTexts().size(), 5u);
   }
 }
 
@@ -96,8 +95,7 @@ TEST_F(UpdateRegions, LayoutErrorIsReturnedBeforeAnythingIsTouched) {
 // ---- Resume information from the log of an earlier boot ----------------------------------
 
 struct ResumeCase {
-  UINT32 CodeLogged;
-  UINT32 FirstRegion;
+  UINT32 CodeLogged, FirstRegion;
   BOOLEAN Resume, ResumeB;
 };
 class UpdateRegionsResume : public UpdateRegions, public ::testing::WithParamInterface<ResumeCase> {};

@@ -18,8 +18,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-constexpr UINT64 kBit53 = 1ull << 53;
-constexpr UINT64 kBit54 = 1ull << 54;
 const std::u16string kZqTool = u"\\BIOSUpdate\\ZqBiosMgmt.efi";
 const std::u16string kAltTool = u"\\BIOSUpdate\\BiosMgmt.efi";
 
@@ -83,9 +81,8 @@ public:
   void PublishCmosImage() {
     CmosImage = static_cast<UINT8 *>(EmuHostAllocateBelow4G(CmosToRomImage::kSize));
     std::memset(CmosImage, 0, CmosToRomImage::kSize);
-    UINT16 Checksum = CmosImageChecksum(CmosImage, 1);
-    CmosImage[CmosToRomImage::kBank1ChecksumOffset] = static_cast<UINT8>(Checksum);
-    CmosImage[CmosToRomImage::kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
+    const UINT16 Checksum = CmosImageChecksum(CmosImage, 1);
+    std::memcpy(CmosImage + CmosToRomImage::kBank1ChecksumOffset, &Checksum, sizeof(Checksum));
     auto Address = static_cast<UINT32>(reinterpret_cast<UINTN>(CmosImage));
     Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
   }
@@ -178,6 +175,13 @@ std::function<void(UpdateStaging &)> ToolWith(UINT64 Characteristics, std::u16st
     Test.AddToolsVolume({u"ZQ"}, Tool);
   };
 }
+// One volume of the class and label given holding the tool at Path.
+std::function<void(UpdateStaging &)> ToolOn(bool Removable, bool Marked, std::u16string Label, std::u16string Path) {
+  return [=](UpdateStaging &Test) {
+    Test.AddSmbios(0);
+    Test.AddVolume(Removable, Marked, Label).AddFile(Path + kZqTool, {1});
+  };
+}
 std::function<void(UpdateStaging &)> Plain(std::function<void(UpdateStaging &, SimVolume &)> Then) {
   return [=](UpdateStaging &Test) {
     Test.AddSmbios(0);
@@ -187,33 +191,12 @@ std::function<void(UpdateStaging &)> Plain(std::function<void(UpdateStaging &, S
 
 const StagingRow kRows[] = {
     // The tool's flavour from the BIOS Information characteristics.
-    {"Bit54AlonePicksBiosMgmt", ToolWith(kBit54, kAltTool), std::nullopt},
-    {"Bits53And54PickZqBiosMgmt", ToolWith(kBit53 | kBit54, kZqTool), std::nullopt},
+    {"Bit54AlonePicksBiosMgmt", ToolWith(1ull << 54, kAltTool), std::nullopt},
+    {"Bits53And54PickZqBiosMgmt", ToolWith(3ull << 53, kZqTool), std::nullopt},
     // Volume classes.
-    {"RemovableOtherLabelMarkedUsesEfiZq",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddVolume(true, true, u"ZQ_TOOLS2").AddFile(u"EFI\\ZQ" + kZqTool, {1});
-     },
-     std::nullopt},
-    {"RemovableOtherLabelUnmarkedIsPassedOver",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddVolume(true, false, u"ZQ_TOOL").AddFile(u"ZQ" + kZqTool, {1});
-     },
-     EFI_NO_MEDIA},
-    {"FixedDiskLabelledZqToolsIsNoToolsVolume",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddVolume(false, false, u"ZQ_TOOLS").AddFile(u"ZQ" + kZqTool, {1});
-     },
-     EFI_NO_MEDIA},
-    {"ToolsVolumeNeverSearchesEfiZq",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddToolsVolume({u"EFI\\ZQ"});
-     },
-     EFI_NO_MEDIA},
+    {"RemovableOtherLabelUnmarkedIsPassedOver", ToolOn(true, false, u"ZQ_TOOL", u"ZQ"), EFI_NO_MEDIA},
+    {"FixedDiskLabelledZqToolsIsNoToolsVolume", ToolOn(false, false, u"ZQ_TOOLS", u"ZQ"), EFI_NO_MEDIA},
+    {"ToolsVolumeNeverSearchesEfiZq", ToolOn(true, false, u"ZQ_TOOLS", u"EFI\\ZQ"), EFI_NO_MEDIA},
     {"UnreadableVolumesArePassedOver",
      [](UpdateStaging &Test) {
        Test.AddSmbios(0);
