@@ -28,6 +28,7 @@ TEST(ImageQueryBiosIdSearch, FindsTheRecordNearestTheEndWithinTheWindow) {
       {"nearest the end wins", 0x1000, {{0x20, "$BIDFIRST"}, {0xFE0, "$BIDLAST_"}, {0x800, "$BIDMIDDL"}}, "LAST_"},
       {"lowest position of the window", 0x10010, {{0x10, "$BIDLOWST"}}, "LOWST"},
       {"whole window of a large area", 0x30000, {{0x20000, "$BIDWINDW"}, {0x1FFF0, "$BIDOUTSD"}}, "WINDW"},
+      {"only below the window", 0x30000, {{0x1FFF0, "$BIDOUTSD"}}, nullptr},
       {"signature with a wrong byte", 0x100, {{0x40, "$BIE"}, {0x50, "$bid"}, {0x60, "BID$"}}, nullptr},
   };
   for (const auto &Row : kRows) {
