@@ -109,6 +109,9 @@ const FailureRow kFailureRows[] = {
     {"NoFlashDevice", [](Scenario S) { S.Install.FlashDevice = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
     {"NoFlashService", [](Scenario S) { S.Install.FlashService = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
     {"NoBootBlockHandler", [](Scenario S) { S.Install.BootBlockHandler = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
+    {"NoBootBlockHandlerNeededWhileTheFeatureIsOff",
+     [](Scenario S) { S.Install.BootBlockHandler = FALSE, S.Sim.SetPcd(gPlatformPcdTokenSpaceGuid, 0x0A04, 0); },
+     EFI_SUCCESS, true, true, 0, {}, [] { EXPECT_EQ(BootBlockUpdateEnabled + (mBootBlockHandler != nullptr), 0); }},
     {"ZeroFlashBase", [](Scenario) { gConfig.PcdFlashBase = 0; }, EFI_OUT_OF_RESOURCES, false, false, 1,
      {"  mFlashBase = 0", "  FlashBase not found"},
      [] { EXPECT_NE(mPlatformFlashService, nullptr) << "the located protocols stay recorded"; }},
@@ -208,13 +211,6 @@ TEST_F(DriverEntry, PcdWithoutItsProtocolIsFalseAndTheDebugMaskComesFromEfiDebug
 }
 
 // ---- Start-up variations that succeed -----------------------------------------------------
-
-TEST_F(DriverEntry, BootBlockHandlerIsNotNeededWhenTheFeatureIsOff) {
-  Sim.SetPcd(gPlatformPcdTokenSpaceGuid, 0x0A04, 0);
-  Install.BootBlockHandler = FALSE;
-  EXPECT_EQ(StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(BootBlockUpdateEnabled + (mBootBlockHandler != nullptr), 0);
-}
 
 TEST_F(DriverEntry, UpdateToolProbeReadsExtendedCmosF8ThroughThePlatformPorts) {
   Platform->ExtendedCmos[0xF8] = 0xFF;

@@ -64,25 +64,23 @@ class PointerRegistrationLate : public PointerRegistrationTest, public ::testing
 
 TEST_P(PointerRegistrationLate, AbsentServiceIsAwaitedAndTakenWhenItAppears) {
   const bool Runtime = GetParam();
-  {
-    if (Runtime) {
-      MakeRuntimeImage();
-    }
-    Install.PointerRegistration = FALSE;
-    ASSERT_EQ(StartDriver(), EFI_SUCCESS);
-    EXPECT_EQ(mPointerRegistration, nullptr);
-    ASSERT_NE(mPointerRegistrationEvent, nullptr);
-    VOID *Variable = nullptr;
-    EXPECT_EQ(PointerRegister(&Variable), EFI_ABORTED) << "absent service";
-    size_t EventsBefore = Sim.OpenEvents();
-    Platform->Hub.Initialize();
-    EFI_HANDLE Handle = nullptr;
-    ASSERT_EQ(Sim.Install(&Handle, gPointerRegistrationProtocolGuid, &Platform->Hub.PointerRegistration), EFI_SUCCESS);
-    EXPECT_EQ(mPointerRegistration, &Platform->Hub.PointerRegistration);
-    EXPECT_EQ(Recorded("PointerRegister", &mPointerRegistration), Runtime);
-    EXPECT_EQ(mPointerRegistrationEvent, nullptr);
-    EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1) << "the notification closed its event";
+  if (Runtime) {
+    MakeRuntimeImage();
   }
+  Install.PointerRegistration = FALSE;
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
+  EXPECT_EQ(mPointerRegistration, nullptr);
+  ASSERT_NE(mPointerRegistrationEvent, nullptr);
+  VOID *Variable = nullptr;
+  EXPECT_EQ(PointerRegister(&Variable), EFI_ABORTED) << "absent service";
+  size_t EventsBefore = Sim.OpenEvents();
+  Platform->Hub.Initialize();
+  EFI_HANDLE Handle = nullptr;
+  ASSERT_EQ(Sim.Install(&Handle, gPointerRegistrationProtocolGuid, &Platform->Hub.PointerRegistration), EFI_SUCCESS);
+  EXPECT_EQ(mPointerRegistration, &Platform->Hub.PointerRegistration);
+  EXPECT_EQ(Recorded("PointerRegister", &mPointerRegistration), Runtime);
+  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
+  EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1) << "the notification closed its event";
 }
 INSTANTIATE_TEST_SUITE_P(BootOrRuntimeImage, PointerRegistrationLate, ::testing::Bool());
 

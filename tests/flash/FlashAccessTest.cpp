@@ -123,43 +123,31 @@ TEST_F(FlashWriteImageRange, EcRangeGoesToTheEcStoreWholeOrNowhereWhenDeferred) 
   EXPECT_EQ(Platform->CallCount, 0u);
 }
 
-struct AddressCase {
-  const char *Name;
-  UINT32 EcSize, LowerFlashSize, MappedFlashSize;
-  UINT64 ImageOffset;
-  ImageTarget Target;
-  UINT64 Address;
-};
-
-class FlashImageOffset : public ::testing::TestWithParam<AddressCase> {
-protected:
-  ~FlashImageOffset() override {
-    mFlashBase = 0;
-    mFlashInfo = {};
-  }
-};
-
-TEST_P(FlashImageOffset, MapsToTheDeviceThePartNames) {
-  const AddressCase &Case = GetParam();
+TEST(FlashImageOffset, MapsToTheDeviceThePartNames) {
+  const struct {
+    const char *Name;
+    UINT32 EcSize, LowerFlashSize, MappedFlashSize;
+    UINT64 ImageOffset;
+    ImageTarget Target;
+    UINT64 Address;
+  } kRows[] = {
+      {"no EC part: offset 0 is the lower part's start", 0, 0x100000, 0x1000000, 0, ImageTarget::Flash, 0xFEF00000},
+      {"mapped only", 0, 0, 0x1000000, 0xFFFFFF, ImageTarget::Flash, 0xFFFFFFFF},
+      {"EC part", 0x20000, 0, 0x1000000, 0x1FFFF, ImageTarget::EcStore, 0x1FFFF},
+      {"first byte after the EC part", 0x20000, 0, 0x1000000, 0x20000, ImageTarget::Flash, 0xFF000000},
+      {"EC and lower parts", 0x20000, 0x80000, 0x1000000, 0x20000, ImageTarget::Flash, 0xFEF80000},
+      {"no mapped part", 0x20000, 0x80000, 0, 0x30000, ImageTarget::Nothing, 0},
+      {"a huge offset stays 64-bit", 0, 0, 0x1000000, 0x100000000ull, ImageTarget::Flash, 0x1FF000000ull},
+  };
   mFlashBase = 0xFF000000;
-  mFlashInfo.EcSize = Case.EcSize;
-  mFlashInfo.LowerFlashSize = Case.LowerFlashSize;
-  mFlashInfo.MappedFlashSize = Case.MappedFlashSize;
-  ImageLocation Where = ImageOffsetToFlashAddress(Case.ImageOffset);
-  EXPECT_EQ(Where.Target, Case.Target);
-  EXPECT_EQ(Where.Address, Case.Address);
+  for (const auto &Row : kRows) {
+    mFlashInfo = {.EcSize = Row.EcSize, .MappedFlashSize = Row.MappedFlashSize, .LowerFlashSize = Row.LowerFlashSize};
+    ImageLocation Where = ImageOffsetToFlashAddress(Row.ImageOffset);
+    EXPECT_EQ(Where.Target, Row.Target) << Row.Name;
+    EXPECT_EQ(Where.Address, Row.Address) << Row.Name;
+  }
+  mFlashBase = 0;
+  mFlashInfo = {};
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Layouts, FlashImageOffset,
-    ::testing::Values(
-        AddressCase{"NoEcPartOffsetZeroIsTheLowerPartStart", 0, 0x100000, 0x1000000, 0, ImageTarget::Flash, 0xFEF00000},
-        AddressCase{"MappedOnly", 0, 0, 0x1000000, 0xFFFFFF, ImageTarget::Flash, 0xFFFFFFFF},
-        AddressCase{"EcPart", 0x20000, 0, 0x1000000, 0x1FFFF, ImageTarget::EcStore, 0x1FFFF},
-        AddressCase{"FirstByteAfterTheEcPart", 0x20000, 0, 0x1000000, 0x20000, ImageTarget::Flash, 0xFF000000},
-        AddressCase{"EcAndLowerParts", 0x20000, 0x80000, 0x1000000, 0x20000, ImageTarget::Flash, 0xFEF80000},
-        AddressCase{"NoMappedPart", 0x20000, 0x80000, 0, 0x30000, ImageTarget::Nothing, 0},
-        AddressCase{"HugeOffsetStays64Bit", 0, 0, 0x1000000, 0x100000000ull, ImageTarget::Flash, 0x1FF000000ull}),
-    [](const auto &Info) { return std::string(Info.param.Name); });
 
 }  // namespace

@@ -142,9 +142,10 @@ TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes
     EXPECT_EQ(Report.Variables.count({Name, SimUefi::GuidKey(gPlatformVariableGuid)}), 1u)
         << VariableNameText(Name);
   }
-  EXPECT_EQ(Platform->ExtendedCmos[0xF9], 0x00);
-  EXPECT_EQ(Platform->ExtendedCmos[0xFA], 0x00);
-  EXPECT_EQ(Platform->ExtendedCmos[0xEE], 0x5A);
+  const auto CompletionBytes = [&] {
+    return std::vector<UINT8>{Platform->ExtendedCmos[0xF9], Platform->ExtendedCmos[0xFA], Platform->ExtendedCmos[0xEE]};
+  };
+  EXPECT_EQ(CompletionBytes(), (std::vector<UINT8>{0x00, 0x00, 0x5A}));
 
   // The next boot: the bank lost its content, the earlier phase hands over its own image.
   std::fill(std::begin(Platform->ExtendedCmos), std::end(Platform->ExtendedCmos), 0xFF);
@@ -152,9 +153,7 @@ TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes
   Next.CmosImage = Mirror;
   SimulatedBoot Boot(*Platform, Next);
   ASSERT_EQ(Boot.StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(Platform->ExtendedCmos[0xF9], 0x00);
-  EXPECT_EQ(Platform->ExtendedCmos[0xFA], 0x00);
-  EXPECT_EQ(Platform->ExtendedCmos[0xEE], 0x5A);
+  EXPECT_EQ(CompletionBytes(), (std::vector<UINT8>{0x00, 0x00, 0x5A}));
   EXPECT_EQ(Boot.CmosImage()[CmosToRomImage::kBank1 + 0xEE], 0x5A);
 }
 

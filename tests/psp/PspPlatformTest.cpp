@@ -1,5 +1,6 @@
 // The services the directory code stands on: SMN reads through the host bridge, the PSP's
 // recovery flag, the assertion reporter, the PSP debug print and the buffer store.
+#include <algorithm>
 #include <string>
 
 #include "../../src/base/Guids.h"
@@ -143,9 +144,8 @@ using PspHeapBuffer = PspServices;
 TEST_F(PspHeapBuffer, HandlesKeepTheirZeroFilledBuffers) {
   VOID *First = nullptr, *Again = nullptr, *Other = nullptr;
   ASSERT_TRUE(GetHeapBuffer(41015, 1552, &First));
-  for (UINTN Index = 0; Index < 1552; Index++) {
-    ASSERT_EQ(static_cast<UINT8 *>(First)[Index], 0);
-  }
+  const auto *Bytes = static_cast<UINT8 *>(First);
+  EXPECT_TRUE(std::all_of(Bytes, Bytes + 1552, [](UINT8 Byte) { return Byte == 0; }));
   static_cast<UINT8 *>(First)[0] = 0x42;
   ASSERT_TRUE(GetHeapBuffer(41015, 1552, &Again));
   EXPECT_EQ(First, Again);

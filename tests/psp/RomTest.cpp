@@ -1,5 +1,6 @@
 // ROM reads through the processor's flash windows: which window a family uses, the limits,
 // and the naturally aligned 64-bit loads.
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -118,9 +119,7 @@ TEST_F(RomAccess, DirectoryReadsZeroTheBufferFirst) {
   std::array<UINT8, kDirectoryBufferSize> Buffer;
   Buffer.fill(0xAA);
   EXPECT_FALSE(ReadDirectory(0x80000000, Buffer.data()));
-  for (UINT8 Byte : Buffer) {
-    ASSERT_EQ(Byte, 0);
-  }
+  EXPECT_TRUE(std::all_of(Buffer.begin(), Buffer.end(), [](UINT8 Byte) { return Byte == 0; }));
   ASSERT_TRUE(ReadDirectory(0xFF000000, Buffer.data()));
   EXPECT_EQ(std::memcmp(Buffer.data(), Chip(0), kDirectoryBufferSize), 0);
 }
