@@ -136,13 +136,6 @@ void BuildExpectedBlock(UINT8 *Block, UINTN Size, const UINT8 *Digest) {
   CopyMem(Block + Size - kSha256DigestSize, Digest, kSha256DigestSize);
 }
 
-BOOLEAN DigestOf(const UINT8 *Message, UINT64 MessageSize, UINT8 *Digest) {
-  static constexpr UINT8 kEmpty = 0;  // the SHA-256 interface refuses a null pointer even for 0 bytes
-  Sha256Context Context;
-  return Sha256Init(&Context) && Sha256Update(&Context, MessageSize == 0 ? &kEmpty : Message, MessageSize) &&
-         Sha256Final(&Context, Digest);
-}
-
 }  // namespace
 
 BOOLEAN EmuRsaSetPublicKey(EmuRsaPublicKey &Key, const UINT8 *Modulus, UINT32 ModulusSize, UINT32 Exponent) {
@@ -202,7 +195,7 @@ BOOLEAN EmuRsaVerifySha256(const EmuRsaPublicKey &Key, const UINT8 *Message, UIN
   UINT8 Expected[kEmuRsaMaxModulusSize];
   UINT8 Digest[kSha256DigestSize];
   StoreLimbs(Recovered, Size, Power);
-  if (!DigestOf(Message, MessageSize, Digest)) {
+  if (!Sha256OfBytes(Message, MessageSize, Digest)) {
     return FALSE;
   }
   BuildExpectedBlock(Expected, Size, Digest);

@@ -46,11 +46,6 @@ BOOLEAN AllBytesErased(const UINT8 *Bytes, UINTN Length) {
   return TRUE;
 }
 
-BOOLEAN Sha256Of(const UINT8 *Data, UINT32 Length, UINT8 *Digest) {
-  Sha256Context Context;
-  return Sha256Init(&Context) && Sha256Update(&Context, Data, Length) && Sha256Final(&Context, Digest);
-}
-
 // Where the seal sits in a backup area (its last sector), 0 when the area has no room for it.
 UINTN BackupSealOffset(UINTN AreaSize) {
   return AreaSize > kVariableBackupSealSector ? AreaSize - kVariableBackupSealSector : 0;
@@ -61,7 +56,7 @@ EFI_STATUS WriteBackupSeal(const UINT8 *Backup, UINT32 Length) {
   SetMem(&Seal, sizeof(Seal), 0);
   Seal.Signature = kVariableBackupSealSignature;
   Seal.Length = Length;
-  if (!Sha256Of(Backup, Length, Seal.Digest)) {
+  if (!Sha256OfBytes(Backup, Length, Seal.Digest)) {
     return EFI_OUT_OF_RESOURCES;
   }
   const UINT32 SealAddress =
@@ -181,7 +176,7 @@ BOOLEAN IsVariableBackupSealed(ByteView Area) {
     return FALSE;
   }
   UINT8 Digest[kSha256DigestSize];
-  return Sha256Of(Area.Data(), Seal.Length, Digest) && CompareMem(Digest, Seal.Digest, sizeof(Digest)) == 0;
+  return Sha256OfBytes(Area.Data(), Seal.Length, Digest) && CompareMem(Digest, Seal.Digest, sizeof(Digest)) == 0;
 }
 
 EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize) {
@@ -189,12 +184,8 @@ EFI_STATUS BackupVariableStore(const UINT8 *Image, UINT64 ImageSize) {
   // without its seal is not relied on but taken again: either the power failed while it was
   // written, before any of the image was, or after the completion had begun to erase it,
   // when the completion had already put the variables back into the live store.
-  const BOOLEAN BackupLost = gConfig.PowerLossRemedies && IsBackupStoreValid() != EFI_SUCCESS;
-  if (IsRegionTrackedResume() && !BackupLost) {
-    return EFI_ALREADY_STARTED;
-  }
-  if (IsBackupStoreValid() == EFI_SUCCESS) {
-    return EFI_ALREADY_STARTED;  // a backup is already there
+  if (IsBackupStoreValid() == EFI_SUCCESS || (IsRegionTrackedResume() && !gConfig.PowerLossRemedies)) {
+    return EFI_ALREADY_STARTED;  // a backup is already there, or trusted to be
   }
   if (EfiError(CheckBackupAreaMapping(Image, ImageSize))) {
     return EFI_NO_MAPPING;

@@ -288,3 +288,13 @@ BOOLEAN Sha256OfBlock(const UINT8 *Data, UINT8 *Digest) {
   }
   return Sha256Final(Context.Data(), Digest);
 }
+
+BOOLEAN Sha256OfBytes(const VOID *Data, UINT64 Length, UINT8 *Digest) {
+  static constexpr UINT8 kEmpty = 0;  // the update step refuses a null pointer even for 0 bytes
+  Sha256Context Context;
+  if (!Sha256Init(&Context) || !Sha256Update(&Context, Length == 0 ? &kEmpty : Data, Length)) {
+    WipeContext(&Context);
+    return FALSE;
+  }
+  return Sha256Final(&Context, Digest);
+}

@@ -72,3 +72,6 @@ BOOLEAN Sha256Final(VOID *Context, UINT8 *Digest);
 // from pool and released (zeroed) before returning. FALSE when the pool is exhausted
 // (Digest left as it was) or a step fails.
 BOOLEAN Sha256OfBlock(const UINT8 *Data, UINT8 *Digest);
+// SHA-256 of Length bytes at Data (any Data when Length is 0) through a context on the stack,
+// wiped on every path. FALSE when a step fails (a null Data with Length above 0, a null Digest).
+BOOLEAN Sha256OfBytes(const VOID *Data, UINT64 Length, UINT8 *Digest);
