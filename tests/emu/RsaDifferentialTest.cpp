@@ -1,9 +1,8 @@
-// The compact RSA check against OpenSSL: for keys of several sizes and exponents, the build's
-// keys included, every case below must get the same verdict from both, and that verdict must
-// be the expected one. Malformed blocks are made with the private key (s = block^d mod n), so
-// each fault reaches the padding check instead of failing on an unrelated value. Moduli whose
-// bit length is not a whole number of bytes (1028, 2047 bits) leave room above the modulus,
-// so that "signature + modulus" is a same-length value that reduces to a good signature.
+// The compact RSA check against OpenSSL, one case per way a signature is refused, on keys of
+// several sizes and exponents: both must give the expected verdict. Malformed blocks are made
+// with the private key (s = block^d mod n), so each fault reaches the block comparison. Moduli
+// of 1028 and 2047 bits leave room above the modulus for "signature + modulus". Random blocks
+// and lengths are the fuzz harness RsaVerifyFuzz's part.
 #include <gtest/gtest.h>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
@@ -12,14 +11,12 @@
 #include <openssl/rsa.h>
 
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "emu/EmuRsa.h"
 #include "emu/host/EmuHostRsa.h"
 #include "tools/lib/ImageSigner.h"
-#include "tools/lib/TestSigningKeys.h"
 
 namespace {
 
@@ -82,16 +79,6 @@ const std::vector<TestKey> &Keys() {
       EVP_PKEY *Key = Generate(Spec.Bits, Spec.Exponent);
       List.push_back(MakeKey(std::to_string(Spec.Bits) + "-bit e=" + std::to_string(Spec.Exponent), Key));
       EVP_PKEY_free(Key);
-    }
-    for (TestSigningKey Build : {TestSigningKey::Selector1}) {
-      BIO *Bio = BIO_new_file(TestSigningKeyPath(Build).c_str(), "r");
-      EVP_PKEY *Key = Bio != nullptr ? PEM_read_bio_PrivateKey(Bio, nullptr, nullptr, nullptr) : nullptr;
-      BIO_free(Bio);
-      EXPECT_NE(Key, nullptr) << TestSigningKeyPath(Build);
-      if (Key != nullptr) {
-        List.push_back(MakeKey("build key " + TestSigningKeyPath(Build), Key));
-        EVP_PKEY_free(Key);
-      }
     }
     return List;
   }();
@@ -179,40 +166,28 @@ struct Row {
 };
 
 std::vector<Row> Rows() {
-  std::vector<Row> Table = {
+  return {
       {"OpenSSL signature", true, Signed},
       {"forged well-formed block", true, [](auto &K, auto &M) { return Forged(K, M, [](Bytes &) {}); }},
       {"block type 02", false, [](auto &K, auto &M) { return Forged(K, M, [](Bytes &E) { E[1] = 0x02; }); }},
-      {"FF run broken by FE", false,
-       [](auto &K, auto &M) { return Forged(K, M, [&](Bytes &E) { E[SeparatorIndex(K) / 2] = 0xFE; }); }},
       {"separator FF", false,
        [](auto &K, auto &M) { return Forged(K, M, [&](Bytes &E) { E[SeparatorIndex(K)] = 0xFF; }); }},
-      {"block shifted left: separator early, zero at the end", false,
-       [](auto &K, auto &M) {
-         return Forged(K, M, [](Bytes &E) {
-           E.erase(E.begin() + 2);
-           E.push_back(0x00);
-         });
-       }},
       {"SHA-1 DigestInfo", false,
        [](auto &K, auto &M) { return Case{M, RaiseToD(K, Block(K, kSha1Prefix, sizeof(kSha1Prefix), Sha256(M)))}; }},
+      {"DigestInfo byte changed", false,
+       [](auto &K, auto &M) { return Forged(K, M, [&](Bytes &E) { E[SeparatorIndex(K) + 5] ^= 0x01; }); }},
       {"hash last byte flipped", false, [](auto &K, auto &M) { return Forged(K, M, [](Bytes &E) { E.back() ^= 1; }); }},
-      {"signature with a leading zero byte", false,
+      {"signed for another message", false,
+       [](auto &K, auto &M) { return Case{M, Signed(K, Bytes(M.size(), 0)).Signature}; }},
+      {"signature one byte longer than the modulus", false,
        [](auto &K, auto &M) {
          Case C = Signed(K, M);
          C.Signature.insert(C.Signature.begin(), 0x00);
          return C;
        }},
-      {"signature equal to the modulus", false, [](auto &K, auto &M) { return Case{M, Modulus(K)}; }},
       {"signature plus the modulus", false,
        [](auto &K, auto &M) { return Case{M, Add(Signed(K, M).Signature, Modulus(K))}; }},
   };
-  for (size_t Index = 0; Index < sizeof(kSha256Prefix); Index++) {
-    Table.push_back({"DigestInfo byte " + std::to_string(Index) + " changed", false, [Index](auto &K, auto &M) {
-                       return Forged(K, M, [&](Bytes &E) { E[SeparatorIndex(K) + 1 + Index] ^= 0x01; });
-                     }});
-  }
-  return Table;
 }
 
 void ExpectAgreement(const TestKey &Key, const Case &C, bool Valid, const std::string &What) {
@@ -224,24 +199,13 @@ void ExpectAgreement(const TestKey &Key, const Case &C, bool Valid, const std::s
   EXPECT_EQ(Compact, Reference) << Key.Name << ": " << What << " (compact differs from OpenSSL)";
 }
 
-Bytes RandomBytes(std::mt19937 &Rng, size_t Length) {
-  Bytes Out(Length);
-  for (auto &Byte : Out) {
-    Byte = static_cast<uint8_t>(Rng());
-  }
-  return Out;
-}
-
-TEST(RsaDifferential, MalformedBlocksLengthsAndRangeAgreeWithOpenSsl) {
-  std::mt19937 Rng(7);
+TEST(RsaDifferential, EachRefusalAndTheAcceptanceAgreeWithOpenSsl) {
+  const Bytes Message(77, 0xA7);
   const std::vector<Row> Table = Rows();
   for (const TestKey &Key : Keys()) {
     ASSERT_NE(Key.Public.ModulusSize, 0u) << Key.Name;
-    for (size_t Length : {size_t{77}}) {
-      const Bytes Message = RandomBytes(Rng, Length);
-      for (const Row &R : Table) {
-        ExpectAgreement(Key, R.Make(Key, Message), R.Valid, R.Name + ", message of " + std::to_string(Length));
-      }
+    for (const Row &R : Table) {
+      ExpectAgreement(Key, R.Make(Key, Message), R.Valid, R.Name);
     }
   }
 }

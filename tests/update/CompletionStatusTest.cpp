@@ -42,8 +42,6 @@ const CompletionCase kCases[] = {
     {"0 publishes", 0, 5, N, false, true, false, 5, 0, true, true, true, false, false, false},
     {"0 with nothing written", 0, 7, N, false, false, false, 0, 0, true, true, false, false, false, false},
     {"3 clears a kept 5", 3, 5, N, false, true, false, 0, 0, true, false, false, false, false, false},
-    {"5 keeps a 5", 5, 5, N, false, true, false, 5, 0, true, false, false, false, false, false},
-    {"5 clears any other value", 5, 7, N, false, true, false, 0, 0, true, false, false, false, false, false},
     {"12 keeps the update going", 12, 7, N, false, true, false, 0, 0, false, false, false, false, false, false},
     {"13 in HFT mode", 13, 5, H, false, true, true, kPlatformState, 0, false, false, false, true, true, true},
     {"13 in normal mode", 13, 0, N, false, true, false, kPlatformState, 0, false, false, false, false, false, false},

@@ -178,8 +178,6 @@ TEST_F(CriticalDigest, WritesThroughTheServiceOfItsPhaseOrFails) {
       {"SMM", true, true, 0, true, EFI_SUCCESS, {kSmmErase, kSmmWrite}, ""},
       {"no SMM service", true, false, 0, true, EFI_PROTOCOL_ERROR, {},
        "[Q42CriticalDataAuthVar] mSmmFwbService fault"},
-      {"SMM erase fails", true, true, 1, true, EFI_DEVICE_ERROR, {kSmmErase},
-       "[Q42CriticalDataAuthVar] EraseBlocks fault"},
   };
   const Bytes Erased(32, 0xFF);
   for (const Row &R : Rows) {
