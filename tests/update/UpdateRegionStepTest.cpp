@@ -180,7 +180,8 @@ TEST_F(UpdateRegionStepTest, WithoutAnEcRegionOnlyAnEmptyEcImageIsWritten) {
   EXPECT_EQ(UpdateEc(), EFI_SUCCESS);
   const std::vector<EmuCall> Calls = CallsNamed("WriteEc");
   ASSERT_EQ(Calls.size(), 1u);
-  EXPECT_EQ(std::vector<UINT64>(Calls[0].Arguments, Calls[0].Arguments + 3), (std::vector<UINT64>{0, 0, 0x10}));
+  EXPECT_EQ(std::vector<UINT64>(Calls[0].Arguments, Calls[0].Arguments + 3), (std::vector<UINT64>{0, 0, 0x10}))
+      << "buffer, length, offset";
 }
 
 }  // namespace
