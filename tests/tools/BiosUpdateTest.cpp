@@ -1,7 +1,7 @@
-// The bios-update command's library: a whole update of the reference image from files, a
-// tampered image refused before anything is erased, a power cut that leaves a flash holding
-// neither image and the same cut followed by the next boot's resumed update, an untracked layout; the summary's JSON and result line for each; the
-// timeline of debug and progress codes; and the one-line messages for bad input files.
+// The bios-update command's library: a whole update, a tampered image refused before anything
+// is erased, a power cut that leaves neither image and the same cut resumed by the next boot;
+// the summary and timeline of each, and the one-line messages for bad input files. The command
+// itself, with its exit statuses, runs as the ctest bios_update_tool.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -33,26 +33,20 @@ enum class FlashEnd { Unchanged, EqualsImage, NeitherImage };
 struct Scenario {
   const char *Name;
   void (*Adjust)(UpdateRequest &, UpdateInputs &);
-  bool Completed;
   FlashEnd Flash;
   const char *Result;                      // how the result line starts
   std::vector<std::string> JsonFragments;  // pieces the JSON summary holds
 };
 
 const Scenario kScenarios[] = {
-    {"Whole", [](UpdateRequest &, UpdateInputs &) {}, true, FlashEnd::EqualsImage, "update completed",
-     {R"("start":{"service":"Start","called":true,"status":0,)",
-      R"("query":{"service":"BiosQueryImage","called":true,"status":0,)",
-      R"("verify":{"service":"BiosVerifySignature","called":true,"status":0,)",
-      R"("by_status":[{"status":0,"name":"EFI_SUCCESS","count":4096}],"first_failure":null)",
-      R"("read":{"service":"BiosReadImage","called":true,"status":0,)",
-      R"("completion":{"service":"SetFlashCompletionStatus","called":true,"status":0,)",
+    {"Whole", [](UpdateRequest &, UpdateInputs &) {}, FlashEnd::EqualsImage, "update completed",
+     {R"("by_status":[{"status":0,"name":"EFI_SUCCESS","count":4096}],"first_failure":null)",
       R"("read_back_equal":true)", R"("power_cut":null)", R"("completed":true)"}},
-    {"TamperedIbb4", [](UpdateRequest &, UpdateInputs &Inputs) { Inputs.Image[0x240040] ^= 0x5A; }, false,
+    {"TamperedIbb4", [](UpdateRequest &, UpdateInputs &Inputs) { Inputs.Image[0x240040] ^= 0x5A; },
      FlashEnd::Unchanged, "update refused: BiosVerifySignature returned EFI_SECURITY_VIOLATION",
      {R"("verify":{"service":"BiosVerifySignature","called":true,"status":9223372036854775834,"name":"EFI_SECURITY_VIOLATION"})",
       R"("write":{"service":"BiosWriteImage","called":false)", R"("sector_erases":0,)", R"("bytes_programmed":0,)"}},
-    {"PowerCutInObb", [](UpdateRequest &Request, UpdateInputs &) { Request.PowerCutAt = 40; }, false,
+    {"PowerCutInObb", [](UpdateRequest &Request, UpdateInputs &) { Request.PowerCutAt = 40; },
      FlashEnd::NeitherImage, "update not completed: the power failed during BiosWriteImage (block ",
      {R"("power_cut":{"service":"BiosWriteImage","block":)", R"("completion":{"service":"SetFlashCompletionStatus","called":false})",
       R"("power_cut_at":40)", R"("completed":false)"}},
@@ -61,12 +55,12 @@ const Scenario kScenarios[] = {
        Request.PowerCutAt = 40;
        Request.Resume = true;
      },
-     true, FlashEnd::EqualsImage, "update completed",
+     FlashEnd::EqualsImage, "update completed",
      {R"("interrupted":"update not completed: the power failed during BiosWriteImage (block 1888, region OBB); )"
       R"(the next boot runs the primary copies, resume HOB 0x08")",
       R"("read_back_equal":true)", R"("power_cut":null)"}},
-    {"Untracked", [](UpdateRequest &Request, UpdateInputs &) { Request.Untracked = true; }, true,
-     FlashEnd::EqualsImage, "update completed", {R"("layout":"untracked")", R"("read_back_equal":true)"}},
+    {"Untracked", [](UpdateRequest &Request, UpdateInputs &) { Request.Untracked = true; }, FlashEnd::EqualsImage,
+     "update completed", {R"("layout":"untracked")", R"("read_back_equal":true)"}},
 };
 
 void PrintTo(const Scenario &Case, std::ostream *Stream) { *Stream << Case.Name; }
@@ -80,7 +74,6 @@ TEST_P(BiosUpdateScenario, SummaryTellsWhatTheUpdateDid) {
   Case.Adjust(Request, Inputs);
   const UpdateOutcome Outcome = RunBiosUpdate(Request, Inputs);
 
-  EXPECT_EQ(Outcome.Completed(), Case.Completed);
   EXPECT_EQ(UpdateResultLine(Outcome).rfind(Case.Result, 0), 0u) << UpdateResultLine(Outcome);
   const std::string Json = UpdateSummaryJson(Request, Inputs, Outcome);
   for (const std::string &Fragment : Case.JsonFragments) {
@@ -114,41 +107,20 @@ TEST_P(BiosUpdateScenario, SummaryTellsWhatTheUpdateDid) {
 INSTANTIATE_TEST_SUITE_P(Scenarios, BiosUpdateScenario, ::testing::ValuesIn(kScenarios),
                          [](const ::testing::TestParamInfo<Scenario> &Info) { return Info.param.Name; });
 
-// A region-tracked update names its regions as it enters them, each with its debug code;
-// an untracked one gets its blocks' regions from their flash addresses.
+// A region-tracked update names its regions as it enters them, each with its debug code.
 TEST(BiosUpdateTimeline, RegionsAndCodesFollowTheUpdate) {
-  UpdateRequest Request{"flash.bin", "new.bin", "new.sig"};
-  UpdateOutcome Tracked = RunBiosUpdate(Request, DefaultInputs());
+  const UpdateOutcome Tracked = RunBiosUpdate({"flash.bin", "new.bin", "new.sig"}, DefaultInputs());
   std::vector<std::pair<uint32_t, std::string>> Progress;
   for (const TimelineCode &Code : Tracked.Timeline.ProgressCodes) {
     Progress.emplace_back(Code.Code, Code.Name);
   }
-  const std::vector<std::pair<uint32_t, std::string>> ExpectedProgress = {
-      {0, "IBB1R"}, {1, "IBB2R"}, {3, "IBB4R"}, {4, "IBB1"},  {5, "IBB2"},
-      {7, "IBB4"},  {8, "OBB"},   {9, "OBB2"},  {10, "OBB3"}, {0xFE, ""}};
-  EXPECT_EQ(Progress, ExpectedProgress);
+  EXPECT_EQ(Progress, (decltype(Progress){{0, "IBB1R"}, {1, "IBB2R"}, {3, "IBB4R"}, {4, "IBB1"}, {5, "IBB2"},
+                                          {7, "IBB4"}, {8, "OBB"}, {9, "OBB2"}, {10, "OBB3"}, {0xFE, ""}}));
   std::vector<uint32_t> DebugCodes;
   for (const TimelineCode &Code : Tracked.Timeline.DebugCodes) {
     DebugCodes.push_back(Code.Code);
   }
   EXPECT_EQ(DebugCodes, (std::vector<uint32_t>{0x2F0, 0x2E0, 0x2F1, 0x2E1, 0x2F2}));
-
-  Request.Untracked = true;
-  const UpdateOutcome Untracked = RunBiosUpdate(Request, DefaultInputs());
-  const auto RegionOfBlock = [&](uint32_t Block) {
-    for (const TimelineCall &Call : Untracked.Timeline.Calls) {
-      if (Call.Service == "BiosWriteImage" && Call.Block == Block) {
-        return Call.Region;
-      }
-    }
-    return std::string("none");
-  };
-  EXPECT_EQ(RegionOfBlock(0), "OBB");
-  EXPECT_EQ(RegionOfBlock(0x240), "IBB4");
-  EXPECT_EQ(RegionOfBlock(0xA88), "IBB1");
-  EXPECT_EQ(RegionOfBlock(0xFFF), "OBB3");
-  EXPECT_TRUE(Untracked.Timeline.ProgressCodes.empty() ||
-              Untracked.Timeline.ProgressCodes.back().Code == 0xFE);
 }
 
 // Each bad input file gives one message naming the file and what is wrong with it.
@@ -164,18 +136,14 @@ TEST(BiosUpdateInputs, BadFilesGiveOneClearMessage) {
   const std::string Signature = Write("bu-new.sig", DefaultInputs().Signature);
   const std::string Short = Write("bu-short.bin", std::vector<uint8_t>(1000, 0xFF));
   const std::string Blank = Write("bu-blank.bin", std::vector<uint8_t>(DefaultInputs().Image.size(), 0));
-  const std::string Missing = Directory + "bu-missing.bin";
   struct Case {
     UpdateRequest Request;
     std::string Message;  // empty: the inputs load
   };
   const Case Cases[] = {
       {{Flash, Image, Signature}, ""},
-      {{Missing, Image, Signature}, "cannot read the flash file " + Missing},
-      {{Flash, "", Signature}, "no image file given"},
       {{Flash, Short, Signature}, "the image file " + Short + " has 1000 bytes, not 16777216"},
       {{Blank, Image, Signature}, "the flash file " + Blank + " is not a BIOS image"},
-      {{Flash, Image, Short}, "the signature file " + Short + " has 1000 bytes, not 256"},
   };
   for (const Case &Each : Cases) {
     UpdateInputs Inputs;
