@@ -166,29 +166,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size) {
   }
   PutInFlash(Places[Place], InFlash, Written);
 
-  // Hand-off HOB, the chosen GUID HOBs, end HOB; the map HOB holds exactly the map.
-  std::vector<uint8_t> List(sizeof(EFI_HOB_HANDOFF_INFO_TABLE), 0);
-  List.reserve(64 + 2 * Map.size() + 64);
+  // The chosen GUID HOBs; the map HOB holds exactly the map.
+  std::vector<uint8_t> GuidHobs;
   if ((Control & kMapHob) != 0) {
-    AppendGuidHob(List, gFlashMapHobGuid, Map.data(), Map.size());
+    AppendGuidHob(GuidHobs, gFlashMapHobGuid, Map.data(), Map.size());
   }
   if ((Control & kAddressHob) != 0) {
     const UINT64 Named = (Control & kTheirs) != 0 ? reinterpret_cast<UINT64>(Memory.data()) : gPcdAddress;
-    AppendGuidHob(List, gFlashMapAddressHobGuid, &Named, (Control & kShortAddressHob) != 0 ? 4 : sizeof(Named));
+    AppendGuidHob(GuidHobs, gFlashMapAddressHobGuid, &Named, (Control & kShortAddressHob) != 0 ? 4 : sizeof(Named));
   }
-  const size_t EndOffset = List.size();
-  const uint8_t End[8] = {0xFF, 0xFF, 8, 0, 0, 0, 0, 0};
-  List.insert(List.end(), End, End + sizeof(End));
-  auto *Handoff = reinterpret_cast<EFI_HOB_HANDOFF_INFO_TABLE *>(List.data());
-  Handoff->Header.HobType = EFI_HOB_TYPE_HANDOFF;
-  Handoff->Header.HobLength = sizeof(EFI_HOB_HANDOFF_INFO_TABLE);
-  Handoff->BootMode = (Control & kRecovery) != 0 ? BOOT_IN_RECOVERY_MODE : BOOT_WITH_FULL_CONFIGURATION;
-  Handoff->EfiEndOfHobList = reinterpret_cast<EFI_PHYSICAL_ADDRESS>(List.data() + EndOffset);
-  EFI_CONFIGURATION_TABLE Table = {gEfiHobListGuid, List.data()};
-  EFI_SYSTEM_TABLE System = {};
-  System.NumberOfTableEntries = 1;
-  System.ConfigurationTable = &Table;
-  System.BootServices = &BootServices;
+  FuzzHobList Hobs(GuidHobs.data(), GuidHobs.size(),
+                   (Control & kRecovery) != 0 ? BOOT_IN_RECOVERY_MODE : BOOT_WITH_FULL_CONFIGURATION, &BootServices);
+  EFI_SYSTEM_TABLE &System = Hobs.System;
 
   ResetHobCacheForTest();
   ResetSmmStateForTest();

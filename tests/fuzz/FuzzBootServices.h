@@ -4,8 +4,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "src/base/Globals.h"
+#include "src/base/Guids.h"
+#include "src/base/PiHob.h"
 
 inline EFI_STATUS EFIAPI FuzzAllocatePool(EFI_MEMORY_TYPE, UINTN Size, VOID **Buffer) {
   *Buffer = std::malloc(Size == 0 ? 1 : Size);
@@ -41,4 +44,29 @@ struct FuzzInput {
     Size -= Length;
     return Value;
   }
+};
+
+// A HOB list as the firmware hands it over (the hand-off HOB, the given HOBs, the end HOB the
+// hand-off names) and a system table whose configuration table points at it.
+struct FuzzHobList {
+  std::vector<uint8_t> List;
+  EFI_CONFIGURATION_TABLE Table{};
+  EFI_SYSTEM_TABLE System{};
+  FuzzHobList(const uint8_t *Hobs, size_t Size, EFI_BOOT_MODE BootMode, EFI_BOOT_SERVICES *BootServices)
+      : List(sizeof(EFI_HOB_HANDOFF_INFO_TABLE), 0) {
+    List.insert(List.end(), Hobs, Hobs + Size);
+    const size_t EndOffset = List.size();
+    const uint8_t End[8] = {0xFF, 0xFF, 8, 0, 0, 0, 0, 0};
+    List.insert(List.end(), End, End + sizeof(End));
+    auto *Handoff = reinterpret_cast<EFI_HOB_HANDOFF_INFO_TABLE *>(List.data());
+    Handoff->Header.HobType = EFI_HOB_TYPE_HANDOFF;
+    Handoff->Header.HobLength = sizeof(EFI_HOB_HANDOFF_INFO_TABLE);
+    Handoff->BootMode = BootMode;
+    Handoff->EfiEndOfHobList = reinterpret_cast<EFI_PHYSICAL_ADDRESS>(List.data() + EndOffset);
+    Table = {gEfiHobListGuid, List.data()};
+    System.NumberOfTableEntries = 1;
+    System.ConfigurationTable = &Table;
+    System.BootServices = BootServices;
+  }
+  FuzzHobList(const FuzzHobList &) = delete;  // the tables point into this object
 };
