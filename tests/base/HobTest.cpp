@@ -27,12 +27,8 @@ protected:
              bool NameTheEnd = true) {
     List.assign(sizeof(EFI_HOB_HANDOFF_INFO_TABLE), 0);
     for (size_t Index = 0; Index < Lengths.size(); Index++) {
-      EFI_HOB_GUID_TYPE Hob{};
-      Hob.Header.HobType = EFI_HOB_TYPE_GUID_EXTENSION;
-      Hob.Header.HobLength = Lengths[Index];
-      Hob.Name = gCmosToRomImageHobGuid;
-      size_t Occupied = Layout.empty() ? Lengths[Index] : Layout[Index];
-      size_t At = List.size();
+      const EFI_HOB_GUID_TYPE Hob{{EFI_HOB_TYPE_GUID_EXTENSION, Lengths[Index], 0}, gCmosToRomImageHobGuid};
+      const size_t At = List.size(), Occupied = Layout.empty() ? Lengths[Index] : Layout[Index];
       List.resize(At + Occupied, 0);
       std::memcpy(List.data() + At, &Hob, std::min(Occupied, sizeof(Hob)));
     }

@@ -312,13 +312,4 @@ TEST_F(CallbackHubStart, FirstDriverCreatesAndPublishesAnEmptyRegistry) {
   EXPECT_TRUE(mCallbackHub->Flink == mCallbackHub && mCallbackHub->Blink == mCallbackHub);
 }
 
-TEST_F(CallbackHubStart, InsideSmmTheRegistryComesFromTheSmmDatabase) {
-  static LIST_ENTRY Shared;  // outlives the test: the hub's reset walks it at teardown
-  Shared = {&Shared, &Shared};
-  Sim.InstallSmmBase2(TRUE);
-  Sim.InstallSmmProtocol(gCallbackHubProtocolGuid, &Shared);
-  EXPECT_EQ(RunConstructor(), EFI_SUCCESS);
-  EXPECT_EQ(mCallbackHub, &Shared);
-}
-
 }  // namespace

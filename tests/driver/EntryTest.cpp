@@ -12,6 +12,7 @@
 #include "../../src/driver/DynamicPcd.h"
 #include "../../src/driver/Entry.h"
 #include "../../src/driver/LibraryList.h"
+#include "../../src/driver/PointerRegistration.h"
 #include "../support/PlatformFixture.h"
 
 void ResetEdkLibrariesForTest();
@@ -104,7 +105,8 @@ const FailureRow kFailureRows[] = {
     {"NoHobList", [](Scenario S) { S.PublishHobList = false; }, EFI_NOT_FOUND, false, false, 1, {}},
     {"NoPlatformConfig", [](Scenario S) { S.Install.PlatformConfig = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
     {"NoFlashDevice", [](Scenario S) { S.Install.FlashDevice = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
-    {"NoFlashService", [](Scenario S) { S.Install.FlashService = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
+    {"NoFlashService", [](Scenario S) { S.Install.FlashService = FALSE; }, EFI_NOT_FOUND, false, false, 1, {},
+     [] { EXPECT_EQ(mRuntimeFlashService, nullptr) << "no platform pointers to register"; }},
     {"NoBootBlockHandler", [](Scenario S) { S.Install.BootBlockHandler = FALSE; }, EFI_NOT_FOUND, false, false, 1, {}},
     {"NoBootBlockHandlerNeededWhileTheFeatureIsOff",
      [](Scenario S) { S.Install.BootBlockHandler = FALSE, S.Sim.SetPcd(gPlatformPcdTokenSpaceGuid, 0x0A04, 0); },

@@ -125,11 +125,15 @@ protected:
   Signed Image;
 };
 
-TEST_F(HostileInput, SmallServicesRefuseNullOutputsAndIgnoreThis) {
+// The services without an image: version, token, the reserved slots, the query and the
+// completion (which takes any status byte, even before any verification).
+TEST_F(HostileInput, ServicesWithoutAnImageRefuseNullOutputsIgnoreThisAndFillOnlyTheirRecord) {
   StartTracked();
   UINT8 Major = 0, Minor = 0;
   UINT64 Token = 1;
   auto *Foreign = reinterpret_cast<BiosImageInterfaceProtocol *>(&Token);
+  std::vector<UINT8> Exact(sizeof(BiosImageQueryRecord));  // ASan traps a write past its end
+  auto *Exactly = reinterpret_cast<BiosImageQueryRecord *>(Exact.data());
   RunTable({
       {"version: null major", [&] { return First->BiosGetDriverVersion(First, nullptr, &Minor); }, EFI_INVALID_PARAMETER},
       {"version: null This", [&] { return First->BiosGetDriverVersion(nullptr, &Major, &Minor); }, EFI_SUCCESS},
@@ -139,27 +143,21 @@ TEST_F(HostileInput, SmallServicesRefuseNullOutputsAndIgnoreThis) {
       {"slot 8: foreign This", [&] { return Second->Reserved8(Foreign); }, EFI_NOT_READY},
       {"slot 9: null This", [&] { return First->Reserved9(nullptr); }, EFI_UNSUPPORTED},
       {"slot 10: foreign This", [&] { return Second->Reserved10(Foreign); }, EFI_UNSUPPORTED},
-  });
-  EXPECT_EQ(Major * 16 + Minor, 0x20);
-  EXPECT_EQ(Token, 0u);
-}
-
-TEST_F(HostileInput, QueryFillsOnlyItsRecordAndRefusesOverlongPlatformLists) {
-  StartTracked();
-  std::vector<UINT8> Exact(sizeof(BiosImageQueryRecord));  // ASan traps a write past its end
-  auto *Exactly = reinterpret_cast<BiosImageQueryRecord *>(Exact.data());
-  RunTable({
-      {"null record", [&] { return First->BiosQueryImage(First, nullptr, 0, 0); }, EFI_INVALID_PARAMETER},
-      {"record in an exactly sized buffer, unused arguments 2^64-1",
+      {"query: null record", [&] { return First->BiosQueryImage(First, nullptr, 0, 0); }, EFI_INVALID_PARAMETER},
+      {"query: record in an exactly sized buffer, unused arguments 2^64-1",
        [&] { return First->BiosQueryImage(First, Exactly, k64, k64); }, EFI_SUCCESS},
-      {"null This: the platform's block size", [&] { return First->BiosQueryImage(nullptr, Exactly, k4G, 1); },
+      {"query: null This", [&] { return First->BiosQueryImage(nullptr, Exactly, k4G, 1); }, EFI_SUCCESS},
+      {"completion: status 0xFF", [&] { return First->SetFlashCompletionStatus(First, 0xFF); }, EFI_SUCCESS},
+      {"completion: status 1 through a null This", [&] { return First->SetFlashCompletionStatus(nullptr, 1); },
        EFI_SUCCESS},
-      {"eleven platform regions", [&] {
+      {"query: eleven platform regions", [&] {
          std::vector<PlatformSkipRange> Eleven(11, PlatformSkipRange{0xFFFFF000, 0xFFFFFFFF});
          Platform->FlashPlatform.SetNormalSkipRegions(Eleven.data(), 11);
          return Query();
        }, EFI_NOT_FOUND},
   });
+  EXPECT_EQ(Major * 16 + Minor, 0x20);
+  EXPECT_EQ(Token, 0u);
   EXPECT_EQ(Exactly->BlockSize, 0x10000u) << "a null This is not the first installation";
 }
 
@@ -258,17 +256,6 @@ TEST_F(HostileInput, ReadBackStaysInsideItsBuffersWhateverTheSavedSkipRegions) {
        [&] { return ReadAfter({{0x10000, 0x100}, {0x20000, 0x100}, {0xFFF000, 2}}, 255, k4G); }, EFI_SUCCESS},
   });
   EXPECT_EQ(Sim.LiveAllocations(), Live) << "every read-back buffer is the caller's, and freed";
-}
-
-TEST_F(HostileInput, CompletionTakesAnyStatusByteAndWritesNoImage) {
-  StartTracked();
-  ASSERT_EQ(Query(), EFI_SUCCESS);
-  Platform->Flash.ResetStats();
-  RunTable({
-      {"status 0xFF before any verification", [&] { return First->SetFlashCompletionStatus(First, 0xFF); },
-       EFI_SUCCESS},
-      {"status 1 through a null This", [&] { return First->SetFlashCompletionStatus(nullptr, 1); }, EFI_SUCCESS},
-  });
 }
 
 }  // namespace

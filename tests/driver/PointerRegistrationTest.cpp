@@ -73,17 +73,4 @@ TEST_P(PointerRegistrationLate, AbsentServiceIsAwaitedAndTakenWhenItAppears) {
 }
 INSTANTIATE_TEST_SUITE_P(BootOrRuntimeImage, PointerRegistrationLate, ::testing::Bool());
 
-TEST_F(PointerRegistrationTest, InsideSmmNothingIsTakenAndPlatformPointersNeedTheFlashService) {
-  Install.FlashService = FALSE;
-  PrepareBoot();
-  MakeRuntimeImage();
-  UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
-  EXPECT_EQ(PlatformPointerRegistrationConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_NOT_FOUND);
-  EXPECT_EQ(mRuntimeFlashService, nullptr);
-  Sim.InstallSmmBase2(TRUE);
-  EXPECT_EQ(PointerRegistrationLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-  EXPECT_EQ(mPointerRegistration, nullptr);
-  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
-}
-
 }  // namespace
