@@ -166,7 +166,6 @@ TEST_F(CallbackHubTest, FirstSignalCreatesTheNodeAtTheTailOfTheSharedRegistryAnd
   EXPECT_EQ(HookSignal(&kTestHook, &First), EFI_SUCCESS);
   HookNode *Hook = HookFind(&kTestHook);
   ASSERT_NE(Hook, nullptr);
-  EXPECT_EQ(std::memcmp(&Hook->Signature, "ZQCH", 4), 0);
   ExpectIdle(Hook, 1);
   EXPECT_EQ(Platform->Hub.Registry.Blink, &Hook->Link) << "appended at the tail";
 }
@@ -235,55 +234,44 @@ TEST_F(CallbackHubTest, NullArgumentsAndANodeThatCannotBeAllocatedCreateNothing)
 
 // ---- The five hook points ------------------------------------------------------------------
 
-struct ImageHookCase {
-  const char *Name;
-  const EFI_GUID *Hook;
-  BOOLEAN DriverConfig::*Gate;
-  EFI_STATUS (*Signal)(UINT32 *Verdict);
-};
-
 EFI_STATUS SignalAccept(UINT32 *Verdict) { return SignalImageAcceptHook(Verdict); }
 EFI_STATUS SignalWrite(UINT32 *) { return SignalWriteStartHook(); }
 EFI_STATUS SignalIbb(UINT32 *) { return SignalIbbUpdateHook(); }
 EFI_STATUS SignalComplete(UINT32 *) { return SignalFlashCompleteHook(); }
 
-class CallbackHubImageHook : public CallbackHubTest, public ::testing::WithParamInterface<ImageHookCase> {};
-
-TEST_P(CallbackHubImageHook, HandsTheVerifiedImageOverIn24BytesOnlyWhenItsGateIsOn) {
-  UINT32 Answer = 7;
-  gConfig.*(GetParam().Gate) = FALSE;
-  EXPECT_EQ(GetParam().Signal(&Answer), EFI_SUCCESS);
-  EXPECT_EQ(HookFind(GetParam().Hook), nullptr) << "gate off: not even the node is created";
-  if (GetParam().Hook == &gImageAcceptHookGuid) {
-    EXPECT_EQ(Answer, 0u);
-  }
-
-  gConfig.*(GetParam().Gate) = TRUE;
+TEST_F(CallbackHubTest, ImageHooksHandTheVerifiedImageOverIn24BytesOnlyWhenTheirGateIsOn) {
+  const struct {
+    const EFI_GUID *Hook;
+    BOOLEAN DriverConfig::*Gate;
+    EFI_STATUS (*Signal)(UINT32 *Verdict);
+  } kHooks[] = {{&gImageAcceptHookGuid, &DriverConfig::ImageAcceptHookEnabled, SignalAccept},
+                {&gBiosWriteStartHookGuid, &DriverConfig::WriteStartHookEnabled, SignalWrite},
+                {&gIbbUpdateHookGuid, &DriverConfig::IbbUpdateHookEnabled, SignalIbb},
+                {&gFlashCompleteHookGuid, &DriverConfig::FlashCompleteHookEnabled, SignalComplete}};
   UINT8 Image[64] = {};
   mVerifiedImage = Image;
   mVerifiedImageSize = sizeof(Image);
-  Signalled = *GetParam().Hook;
-  Register(Signalled, 0, 1);
   Behaviours[1].SetStatus = kHookAnswerTaken;
-  EXPECT_EQ(GetParam().Signal(&Answer), EFI_SUCCESS);
-  ASSERT_EQ(Calls.size(), 1u);
-  UINT64 Fields[3] = {};  // Size and Verdict (0 before a hook gives one), address, length
-  std::memcpy(Fields, Calls[0].Bytes, sizeof(Fields));
-  EXPECT_EQ(std::to_array(Fields), (std::array<UINT64, 3>{24, reinterpret_cast<UINT64>(Image), sizeof(Image)}));
-  if (GetParam().Hook == &gImageAcceptHookGuid) {
-    EXPECT_EQ(Answer, kHookAnswerTaken) << "the accept hook reports the verdict";
+  for (const auto &Hook : kHooks) {
+    UINT32 Answer = 7;
+    gConfig.*(Hook.Gate) = FALSE;
+    EXPECT_EQ(Hook.Signal(&Answer), EFI_SUCCESS);
+    EXPECT_EQ(HookFind(Hook.Hook), nullptr) << "gate off: not even the node is created";
+    EXPECT_EQ(Answer, Hook.Hook == &gImageAcceptHookGuid ? 0u : 7u);
+
+    gConfig.*(Hook.Gate) = TRUE;
+    Signalled = *Hook.Hook;
+    Register(Signalled, 0, 1);
+    Calls.clear();
+    EXPECT_EQ(Hook.Signal(&Answer), EFI_SUCCESS);
+    ASSERT_EQ(Calls.size(), 1u);
+    UINT64 Fields[3] = {};  // Size and Verdict (0 before a hook gives one), address, length
+    std::memcpy(Fields, Calls[0].Bytes, sizeof(Fields));
+    EXPECT_EQ(std::to_array(Fields), (std::array<UINT64, 3>{24, reinterpret_cast<UINT64>(Image), sizeof(Image)}));
+    EXPECT_EQ(Answer, Hook.Hook == &gImageAcceptHookGuid ? kHookAnswerTaken : 7u) << "only accept has a verdict";
   }
   mVerifiedImage = nullptr;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    CallbackHubEachImageHookPoint, CallbackHubImageHook,
-    ::testing::Values(ImageHookCase{"ImageAccept", &gImageAcceptHookGuid, &DriverConfig::ImageAcceptHookEnabled, SignalAccept},
-                      ImageHookCase{"WriteStart", &gBiosWriteStartHookGuid, &DriverConfig::WriteStartHookEnabled, SignalWrite},
-                      ImageHookCase{"IbbUpdate", &gIbbUpdateHookGuid, &DriverConfig::IbbUpdateHookEnabled, SignalIbb},
-                      ImageHookCase{"FlashComplete", &gFlashCompleteHookGuid, &DriverConfig::FlashCompleteHookEnabled,
-                                    SignalComplete}),
-    [](const auto &Info) { return std::string(Info.param.Name); });
 
 // ---- Finding or publishing the registry ------------------------------------------------------
 

@@ -52,10 +52,7 @@ protected:
     Second = mBiosImageInterface2;
   }
 
-  EFI_STATUS Query(BiosImageInterfaceProtocol *Table = nullptr) {
-    Table = Table == nullptr ? First : Table;
-    return Table->BiosQueryImage(Table, &Record, 0, 0);
-  }
+  EFI_STATUS Query() { return First->BiosQueryImage(First, &Record, 0, 0); }
 
   EFI_STATUS Verify(VOID *Image, UINTN ImageSize, VOID *Signature, UINT64 SignatureSize) {
     return First->BiosVerifySignature(First, Image, ImageSize, Signature, SignatureSize);
@@ -114,8 +111,7 @@ protected:
   void RunTable(const std::vector<Row> &Rows) {
     for (const Row &R : Rows) {
       EXPECT_EQ(R.Call(), R.Expected) << R.Case;
-      EXPECT_EQ(Platform->Flash.Stats().SectorErases, 0u) << R.Case;
-      EXPECT_EQ(Platform->Flash.Stats().Programs, 0u) << R.Case;
+      EXPECT_EQ(Platform->Flash.Stats().SectorErases + Platform->Flash.Stats().Programs, 0u) << R.Case;
       Platform->Flash.ResetStats();  // a failing row does not spill into the next
     }
   }
