@@ -15,7 +15,7 @@ class HobWalk : public ::testing::Test {
 protected:
   ~HobWalk() override { ResetHobCacheForTest(); }
 
-  // Builds hand-off HOB + GUID HOBs with the given lengths (contents zero) + end HOB, then caches it.
+  // Hand-off HOB, GUID HOBs with the given lengths (contents zero), end HOB.
   void Build(const std::vector<uint16_t> &Lengths, const std::vector<uint16_t> &Layout = {},
              bool NameTheEnd = true) {
     List.assign(sizeof(EFI_HOB_HANDOFF_INFO_TABLE), 0);

@@ -1,7 +1,6 @@
-// Hostile input at every service: null pointers, extreme sizes, truncated and oversize images,
-// skip regions that overlap, wrap at 2^32 or lie past the image, counts above ten, blocks and
-// offsets past the end, calls out of order. One table per service; each row names its exact
-// status and no row may erase or program the chip, whose bytes all differ from the image.
+// Hostile input at every service: null pointers, extreme sizes and offsets, hostile skip
+// regions, blocks past the end, calls out of order. Each row names its exact status and no
+// row may erase or program the chip, whose bytes all differ from the accepted image.
 #include <algorithm>
 #include <functional>
 #include <iterator>
