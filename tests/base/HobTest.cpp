@@ -11,28 +11,17 @@
 
 namespace {
 
-struct HobListCase {
-  const char *Name;
-  std::vector<uint16_t> Lengths;  // declared lengths of the GUID HOBs after the hand-off HOB
-  std::vector<uint16_t> Layout;   // bytes each one really occupies (empty: as declared)
-  size_t Found;                   // how many the walk returns before it stops
-};
-
-class HobWalk : public ::testing::TestWithParam<HobListCase> {
+class HobWalk : public ::testing::Test {
 protected:
   ~HobWalk() override { ResetHobCacheForTest(); }
 
-  // Builds hand-off HOB + GUID HOBs with the given lengths (contents zero) + end HOB, then caches it.
+  // Hand-off HOB, GUID HOBs with the given lengths (contents zero), end HOB.
   void Build(const std::vector<uint16_t> &Lengths, const std::vector<uint16_t> &Layout = {},
              bool NameTheEnd = true) {
     List.assign(sizeof(EFI_HOB_HANDOFF_INFO_TABLE), 0);
     for (size_t Index = 0; Index < Lengths.size(); Index++) {
-      EFI_HOB_GUID_TYPE Hob{};
-      Hob.Header.HobType = EFI_HOB_TYPE_GUID_EXTENSION;
-      Hob.Header.HobLength = Lengths[Index];
-      Hob.Name = gCmosToRomImageHobGuid;
-      size_t Occupied = Layout.empty() ? Lengths[Index] : Layout[Index];
-      size_t At = List.size();
+      const EFI_HOB_GUID_TYPE Hob{{EFI_HOB_TYPE_GUID_EXTENSION, Lengths[Index], 0}, gCmosToRomImageHobGuid};
+      const size_t At = List.size(), Occupied = Layout.empty() ? Lengths[Index] : Layout[Index];
       List.resize(At + Occupied, 0);
       std::memcpy(List.data() + At, &Hob, std::min(Occupied, sizeof(Hob)));
     }
@@ -63,20 +52,24 @@ protected:
   EFI_SYSTEM_TABLE System{};
 };
 
-TEST_P(HobWalk, StopsAtTheFirstDamagedHob) {
-  Build(GetParam().Lengths, GetParam().Layout);
-  ASSERT_EQ(CacheHobList(&System), EFI_SUCCESS);
-  EXPECT_EQ(Count(), GetParam().Found);
+TEST_F(HobWalk, StopsAtTheFirstDamagedHob) {
+  const struct {
+    const char *Name;
+    std::vector<uint16_t> Lengths;  // declared lengths of the GUID HOBs after the hand-off HOB
+    std::vector<uint16_t> Layout;   // bytes each one really occupies (empty: as declared)
+    size_t Found;                   // how many the walk returns before it stops
+  } kLists[] = {{"well formed", {32, 24, 64}, {}, 3},
+                {"length 0 ends the walk", {32, 0, 32}, {32, 24, 32}, 1},
+                {"length not a multiple of 8", {32, 28, 32}, {32, 32, 32}, 1},
+                {"length past the end HOB", {32, 0xFFF8}, {32, 32}, 1},
+                {"GUID HOB shorter than its header is skipped", {16, 32}, {}, 1}};
+  for (const auto &Case : kLists) {
+    ResetHobCacheForTest();
+    Build(Case.Lengths, Case.Layout);
+    ASSERT_EQ(CacheHobList(&System), EFI_SUCCESS) << Case.Name;
+    EXPECT_EQ(Count(), Case.Found) << Case.Name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Lists, HobWalk,
-    ::testing::Values(HobListCase{"WellFormed", {32, 24, 64}, {}, 3},
-                      HobListCase{"ZeroLengthEndsTheWalk", {32, 0, 32}, {32, 24, 32}, 1},
-                      HobListCase{"LengthNotAMultipleOf8", {32, 28, 32}, {32, 32, 32}, 1},
-                      HobListCase{"LengthPastTheEndHob", {32, 0xFFF8}, {32, 32}, 1},
-                      HobListCase{"GuidHobShorterThanItsHeaderIsSkipped", {16, 32}, {}, 1}),
-    [](const auto &Info) { return std::string(Info.param.Name); });
 
 // The DXE core may move the list and leave EfiEndOfHobList pointing at the old place.
 TEST_F(HobWalk, MovedListIsBoundedByTheEndHobFoundByWalkingOrNotTakenWithoutOne) {

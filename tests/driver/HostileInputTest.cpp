@@ -1,9 +1,6 @@
-// Hostile input at every service of the protocol: null pointers, sizes 0, 1, 2^32-1 and
-// 2^64-1, truncated and oversize images, query records with skip regions that overlap, wrap
-// at 2^32 or lie past the image, counts above ten, block numbers and offsets past the end,
-// calls out of order. One table per service; each row names its exact status, and no row
-// may erase or program the chip. The accepted image differs from the flash in every byte,
-// so any range that reaches the chip would show in its counters.
+// Hostile input at every service: null pointers, extreme sizes and offsets, hostile skip
+// regions, blocks past the end, calls out of order. Each row names its exact status and no
+// row may erase or program the chip, whose bytes all differ from the accepted image.
 #include <algorithm>
 #include <functional>
 #include <iterator>
@@ -54,10 +51,7 @@ protected:
     Second = mBiosImageInterface2;
   }
 
-  EFI_STATUS Query(BiosImageInterfaceProtocol *Table = nullptr) {
-    Table = Table == nullptr ? First : Table;
-    return Table->BiosQueryImage(Table, &Record, 0, 0);
-  }
+  EFI_STATUS Query() { return First->BiosQueryImage(First, &Record, 0, 0); }
 
   EFI_STATUS Verify(VOID *Image, UINTN ImageSize, VOID *Signature, UINT64 SignatureSize) {
     return First->BiosVerifySignature(First, Image, ImageSize, Signature, SignatureSize);
@@ -103,11 +97,20 @@ protected:
     return Hostile;
   }
 
+  // The call made on the platform without region tracking.
+  std::function<EFI_STATUS()> Untracked(std::function<EFI_STATUS()> Call) {
+    return [this, Call] {
+      Platform->Config->Flags &= ~kPlatformConfigAlternativeFlag;
+      const EFI_STATUS Status = Call();
+      Platform->Config->Flags |= kPlatformConfigAlternativeFlag;
+      return Status;
+    };
+  }
+
   void RunTable(const std::vector<Row> &Rows) {
     for (const Row &R : Rows) {
       EXPECT_EQ(R.Call(), R.Expected) << R.Case;
-      EXPECT_EQ(Platform->Flash.Stats().SectorErases, 0u) << R.Case;
-      EXPECT_EQ(Platform->Flash.Stats().Programs, 0u) << R.Case;
+      EXPECT_EQ(Platform->Flash.Stats().SectorErases + Platform->Flash.Stats().Programs, 0u) << R.Case;
       Platform->Flash.ResetStats();  // a failing row does not spill into the next
     }
   }
@@ -117,14 +120,17 @@ protected:
   Signed Image;
 };
 
-TEST_F(HostileInput, SmallServicesRefuseNullOutputsAndIgnoreThis) {
+// The services without an image: version, token, the reserved slots, the query and the
+// completion (which takes any status byte, even before any verification).
+TEST_F(HostileInput, ServicesWithoutAnImageRefuseNullOutputsIgnoreThisAndFillOnlyTheirRecord) {
   StartTracked();
   UINT8 Major = 0, Minor = 0;
   UINT64 Token = 1;
   auto *Foreign = reinterpret_cast<BiosImageInterfaceProtocol *>(&Token);
+  std::vector<UINT8> Exact(sizeof(BiosImageQueryRecord));  // ASan traps a write past its end
+  auto *Exactly = reinterpret_cast<BiosImageQueryRecord *>(Exact.data());
   RunTable({
       {"version: null major", [&] { return First->BiosGetDriverVersion(First, nullptr, &Minor); }, EFI_INVALID_PARAMETER},
-      {"version: null minor", [&] { return First->BiosGetDriverVersion(First, &Major, nullptr); }, EFI_INVALID_PARAMETER},
       {"version: null This", [&] { return First->BiosGetDriverVersion(nullptr, &Major, &Minor); }, EFI_SUCCESS},
       {"token: null", [&] { return First->BiosGetUpdateToken(First, nullptr); }, EFI_INVALID_PARAMETER},
       {"token: foreign This", [&] { return First->BiosGetUpdateToken(Foreign, &Token); }, EFI_SUCCESS},
@@ -132,27 +138,21 @@ TEST_F(HostileInput, SmallServicesRefuseNullOutputsAndIgnoreThis) {
       {"slot 8: foreign This", [&] { return Second->Reserved8(Foreign); }, EFI_NOT_READY},
       {"slot 9: null This", [&] { return First->Reserved9(nullptr); }, EFI_UNSUPPORTED},
       {"slot 10: foreign This", [&] { return Second->Reserved10(Foreign); }, EFI_UNSUPPORTED},
-  });
-  EXPECT_EQ(Major * 16 + Minor, 0x20);
-  EXPECT_EQ(Token, 0u);
-}
-
-TEST_F(HostileInput, QueryFillsOnlyItsRecordAndRefusesOverlongPlatformLists) {
-  StartTracked();
-  std::vector<UINT8> Exact(sizeof(BiosImageQueryRecord));  // ASan traps a write past its end
-  auto *Exactly = reinterpret_cast<BiosImageQueryRecord *>(Exact.data());
-  RunTable({
-      {"null record", [&] { return First->BiosQueryImage(First, nullptr, 0, 0); }, EFI_INVALID_PARAMETER},
-      {"record in an exactly sized buffer, unused arguments 2^64-1",
+      {"query: null record", [&] { return First->BiosQueryImage(First, nullptr, 0, 0); }, EFI_INVALID_PARAMETER},
+      {"query: record in an exactly sized buffer, unused arguments 2^64-1",
        [&] { return First->BiosQueryImage(First, Exactly, k64, k64); }, EFI_SUCCESS},
-      {"null This: the platform's block size", [&] { return First->BiosQueryImage(nullptr, Exactly, k4G, 1); },
+      {"query: null This", [&] { return First->BiosQueryImage(nullptr, Exactly, k4G, 1); }, EFI_SUCCESS},
+      {"completion: status 0xFF", [&] { return First->SetFlashCompletionStatus(First, 0xFF); }, EFI_SUCCESS},
+      {"completion: status 1 through a null This", [&] { return First->SetFlashCompletionStatus(nullptr, 1); },
        EFI_SUCCESS},
-      {"eleven platform regions", [&] {
+      {"query: eleven platform regions", [&] {
          std::vector<PlatformSkipRange> Eleven(11, PlatformSkipRange{0xFFFFF000, 0xFFFFFFFF});
          Platform->FlashPlatform.SetNormalSkipRegions(Eleven.data(), 11);
          return Query();
        }, EFI_NOT_FOUND},
   });
+  EXPECT_EQ(Major * 16 + Minor, 0x20);
+  EXPECT_EQ(Token, 0u);
   EXPECT_EQ(Exactly->BlockSize, 0x10000u) << "a null This is not the first installation";
 }
 
@@ -169,17 +169,12 @@ TEST_F(HostileInput, VerificationRefusesWhatItCannotReadBeforeTouchingAnything) 
       {"null image", [&] { return Verify(nullptr, Bytes.size(), Sig.data(), Sig.size()); }, EFI_INVALID_PARAMETER},
       {"null signature", [&] { return Verify(Bytes.data(), Bytes.size(), nullptr, Sig.size()); }, EFI_INVALID_PARAMETER},
       {"image size 0", [&] { return Verify(Bytes.data(), 0, Sig.data(), Sig.size()); }, EFI_BAD_BUFFER_SIZE},
-      {"image size 1", [&] { return Verify(Bytes.data(), 1, Sig.data(), Sig.size()); }, EFI_BAD_BUFFER_SIZE},
-      {"image size 2^32-1", [&] { return Verify(Bytes.data(), k4G, Sig.data(), Sig.size()); }, EFI_BAD_BUFFER_SIZE},
       {"image size 2^64-1", [&] { return Verify(Bytes.data(), k64, Sig.data(), Sig.size()); }, EFI_BAD_BUFFER_SIZE},
       {"truncated by one byte", [&] { return Verify(Bytes.data(), Bytes.size() - 1, Sig.data(), Sig.size()); },
        EFI_BAD_BUFFER_SIZE},
       {"oversize by 4 KiB", [&] { return Verify(Oversize.data(), Oversize.size(), Sig.data(), Sig.size()); },
        EFI_BAD_BUFFER_SIZE},
       {"signature size 0", [&] { return Verify(Bytes.data(), Bytes.size(), Sig.data(), 0); }, EFI_SECURITY_VIOLATION},
-      {"signature size 1", [&] { return Verify(Bytes.data(), Bytes.size(), Sig.data(), 1); }, EFI_SECURITY_VIOLATION},
-      {"signature size 2^32-1", [&] { return Verify(Bytes.data(), Bytes.size(), Sig.data(), k4G); },
-       EFI_SECURITY_VIOLATION},
       {"signature size 2^64-1", [&] { return Verify(Bytes.data(), Bytes.size(), Sig.data(), k64); },
        EFI_SECURITY_VIOLATION},
   });
@@ -194,13 +189,13 @@ TEST_F(HostileInput, WriteRefusesOrSkipsEveryHostileBlock) {
   QueryAndAccept();
   const UINT64 Size = mVerifiedImageSize;
   const SkipRegion Everything = {0, 0x1000};  // the whole 16 MiB
-  const SkipRegion Unused = {0, 0};
+  std::vector<SkipRegion> TenthCovers(kMaxSkipRegions - 1, SkipRegion{0, 0});
+  TenthCovers.push_back(Everything);
   BiosWriteRequest Request = {};
   RunTable({
       {"null record", [&] { return First->BiosWriteImage(First, nullptr, &Request); }, EFI_INVALID_PARAMETER},
       {"null request", [&] { return First->BiosWriteImage(First, &Record, nullptr); }, EFI_INVALID_PARAMETER},
       {"block size 0", [&] { return Write(kMiddleOfObb, WithBlockSize(0)); }, EFI_BAD_BUFFER_SIZE},
-      {"block size 1", [&] { return Write(kMiddleOfObb, WithBlockSize(1)); }, EFI_BAD_BUFFER_SIZE},
       {"block size 2^32-1", [&] { return Write(kMiddleOfObb, WithBlockSize(0xFFFFFFFF)); }, EFI_BAD_BUFFER_SIZE},
       {"offset 2^32-1", [&] { return Write(kMiddleOfObb, Record, First, k4G); }, EFI_INVALID_PARAMETER},
       {"offset 2^64-1 with a block past the end", [&] { return Write(kPastTheEnd, Record, First, k64 - 1); },
@@ -212,7 +207,6 @@ TEST_F(HostileInput, WriteRefusesOrSkipsEveryHostileBlock) {
        [&] { return Write(kPastTheEnd, Record, First, 0x800000, kMiddleOfObb); }, EFI_SUCCESS},
       {"second table: BlockNumberEx past the end, BlockNumber in range",
        [&] { return Write(kMiddleOfObb, Record, Second, 0x800000, kPastTheEnd); }, EFI_SUCCESS},
-      {"one region over the whole image", [&] { return Write(kMiddleOfObb, WithSkips({Everything})); }, EFI_SUCCESS},
       {"2^32-1 pages from 0 (the length wraps)", [&] { return Write(kMiddleOfObb, WithSkips({{0, 0xFFFFFFFF}})); },
        EFI_SUCCESS},
       {"overlapping regions that cover it together",
@@ -221,29 +215,12 @@ TEST_F(HostileInput, WriteRefusesOrSkipsEveryHostileBlock) {
        [&] { return Write(kMiddleOfObb, WithSkips({{0xFFFFF000, 0x2000}, Everything})); }, EFI_SUCCESS},
       {"a region past the image end, then a covering one",
        [&] { return Write(kMiddleOfObb, WithSkips({{0x7F000000, 0x80000}, Everything})); }, EFI_SUCCESS},
-      {"count 255: the tenth region counts",
-       [&] {
-         return Write(kMiddleOfObb, WithSkips({Unused, Unused, Unused, Unused, Unused, Unused, Unused, Unused, Unused,
-                                               Everything},
-                                              255));
-       },
+      {"count 255: the tenth region counts", [&] { return Write(kMiddleOfObb, WithSkips(TenthCovers, 255)); },
        EFI_SUCCESS},
-      {"untracked layout: block size 0 writes nothing",
-       [&] {
-         Platform->Config->Flags &= ~kPlatformConfigAlternativeFlag;
-         const EFI_STATUS Status = Write(kMiddleOfObb, WithBlockSize(0));
-         Platform->Config->Flags |= kPlatformConfigAlternativeFlag;
-         return Status;
-       },
+      {"untracked layout: block size 0 writes nothing", Untracked([&] { return Write(kMiddleOfObb, WithBlockSize(0)); }),
        EFI_SUCCESS},
       {"untracked layout: a block reaching past the image",
-       [&] {
-         Platform->Config->Flags &= ~kPlatformConfigAlternativeFlag;
-         const EFI_STATUS Status = Write(kPastTheEnd, Record, First, Size - 0x800);
-         Platform->Config->Flags |= kPlatformConfigAlternativeFlag;
-         return Status;
-       },
-       EFI_INVALID_PARAMETER},
+       Untracked([&] { return Write(kPastTheEnd, Record, First, Size - 0x800); }), EFI_INVALID_PARAMETER},
   });
 }
 
@@ -269,23 +246,11 @@ TEST_F(HostileInput, ReadBackStaysInsideItsBuffersWhateverTheSavedSkipRegions) {
       {"null buffer", [&] { return First->BiosReadImage(First, 0, nullptr); }, EFI_INVALID_PARAMETER},
       {"unused argument 2^64-1", [&] { return ReadAfter({}, 0, k64); }, EFI_SUCCESS},
       {"a region past the image end", [&] { return ReadAfter({{0xFFFFF000, 0xFFFFF}}, 1, 0); }, EFI_SUCCESS},
-      {"2^32-1 pages from 0", [&] { return ReadAfter({{0, 0xFFFFFFFF}}, 1, 0); }, EFI_SUCCESS},
       {"a region whose end wraps at 2^32", [&] { return ReadAfter({{0xFFFF0000, 0x100}}, 1, 1); }, EFI_SUCCESS},
       {"overlapping regions, count 255",
        [&] { return ReadAfter({{0x10000, 0x100}, {0x20000, 0x100}, {0xFFF000, 2}}, 255, k4G); }, EFI_SUCCESS},
   });
   EXPECT_EQ(Sim.LiveAllocations(), Live) << "every read-back buffer is the caller's, and freed";
-}
-
-TEST_F(HostileInput, CompletionTakesAnyStatusByteAndWritesNoImage) {
-  StartTracked();
-  ASSERT_EQ(Query(), EFI_SUCCESS);
-  Platform->Flash.ResetStats();
-  RunTable({
-      {"status 0xFF before any verification", [&] { return First->SetFlashCompletionStatus(First, 0xFF); },
-       EFI_SUCCESS},
-      {"status 1 through a null This", [&] { return First->SetFlashCompletionStatus(nullptr, 1); }, EFI_SUCCESS},
-  });
 }
 
 }  // namespace

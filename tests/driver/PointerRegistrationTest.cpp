@@ -1,6 +1,5 @@
-// The pointer-registration service: located at start or awaited through a protocol
-// notification, inert for a boot-service image (EFI_ABORTED, nothing reaches the service),
-// live for a runtime image; and the platform flash service pointers of the 19th constructor.
+// The pointer-registration service, located at start or awaited, is inert for a boot-service
+// image and live for a runtime image, which also registers the platform flash service pointers.
 #include "../../src/base/Globals.h"
 #include "../../src/base/Guids.h"
 #include "../../src/driver/LibraryList.h"
@@ -25,41 +24,22 @@ protected:
   void MakeRuntimeImage() { Sim.LoadedImage()->ImageCodeType = EfiRuntimeServicesCode; }
 };
 
-TEST_F(PointerRegistrationTest, BootServiceImageTakesTheServiceEarlyOrLateButRegistersNothing) {
-  VOID *Variable = nullptr;
-  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(mPointerRegistration, &Platform->Hub.PointerRegistration);
-  EXPECT_FALSE(mIsRuntimeImage);
-  EXPECT_EQ(PointerRegister(&Variable), EFI_ABORTED);
-  EXPECT_EQ(PointerUnregister(&Variable), EFI_ABORTED);
-  EXPECT_EQ(Platform->CountCalls("PointerRegister") + Platform->CountCalls("PointerUnregister"), 0u);
-}
-
 TEST_F(PointerRegistrationTest, RuntimeImageRegistersItsOwnAndThePlatformPointersUntilItsDestructorsRun) {
   MakeRuntimeImage();
   ASSERT_EQ(StartDriver(), EFI_SUCCESS);
-  EXPECT_TRUE(mIsRuntimeImage);
   EXPECT_EQ(mRuntimeFlashService, Platform->FlashService);
   EXPECT_EQ(mRuntimeFlashServiceData, Platform->PlatformData);
   const void *Registered[] = {&mPointerRegistration, &mRuntimeFlashService, &mRuntimeFlashServiceData};
   for (const void *Variable : Registered) {
     EXPECT_TRUE(Recorded("PointerRegister", Variable));
   }
-  VOID *Variable = nullptr;
-  Platform->Hub.RegisterStatus = EFI_DEVICE_ERROR;
-  EXPECT_EQ(PointerRegister(&Variable), EFI_DEVICE_ERROR) << "the service's own answer";
-  EXPECT_EQ(PointerUnregister(&Variable), EFI_DEVICE_ERROR);
-  EXPECT_TRUE(Recorded("PointerUnregister", &Variable));
-
-  Platform->Hub.RegisterStatus = EFI_SUCCESS;
   RunLibraryDestructors(Sim.ImageHandle(), Sim.SystemTable());
   for (const void *Variable : Registered) {
     EXPECT_TRUE(Recorded("PointerUnregister", Variable));
   }
 }
 
-// A late service is taken when it appears (and registered only by a runtime image); the
-// destructor closes a notification still waiting.
+// A late service is taken when it appears; only a runtime image registers anything through it.
 class PointerRegistrationLate : public PointerRegistrationTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(PointerRegistrationLate, AbsentServiceIsAwaitedAndTakenWhenItAppears) {
@@ -79,24 +59,10 @@ TEST_P(PointerRegistrationLate, AbsentServiceIsAwaitedAndTakenWhenItAppears) {
   ASSERT_EQ(Sim.Install(&Handle, gPointerRegistrationProtocolGuid, &Platform->Hub.PointerRegistration), EFI_SUCCESS);
   EXPECT_EQ(mPointerRegistration, &Platform->Hub.PointerRegistration);
   EXPECT_EQ(Recorded("PointerRegister", &mPointerRegistration), Runtime);
-  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
   EXPECT_EQ(Sim.OpenEvents(), EventsBefore - 1) << "the notification closed its event";
+  EXPECT_EQ(PointerUnregister(&Variable), Runtime ? EFI_SUCCESS : EFI_ABORTED);
+  EXPECT_EQ(Platform->CountCalls("PointerUnregister"), Runtime ? 1u : 0u);
 }
 INSTANTIATE_TEST_SUITE_P(BootOrRuntimeImage, PointerRegistrationLate, ::testing::Bool());
-
-TEST_F(PointerRegistrationTest, InsideSmmNothingIsTakenAndPlatformPointersNeedTheFlashService) {
-  Install.FlashService = FALSE;
-  PrepareBoot();
-  MakeRuntimeImage();
-  UefiBootServicesTableLibConstructor(Sim.ImageHandle(), Sim.SystemTable());
-  EXPECT_EQ(PlatformPointerRegistrationConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_NOT_FOUND);
-  EXPECT_EQ(mRuntimeFlashService, nullptr);
-  Sim.InstallSmmBase2(TRUE);
-  EXPECT_EQ(PointerRegistrationLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-  EXPECT_EQ(mPointerRegistration, nullptr);
-  EXPECT_FALSE(mIsRuntimeImage);
-  EXPECT_EQ(mPointerRegistrationEvent, nullptr);
-  EXPECT_EQ(Platform->CountCalls("PointerRegister"), 0u);
-}
 
 }  // namespace

@@ -19,10 +19,8 @@ TEST_F(TraceOutput, OnlyTheSwitchOnHandsFormatAndArgumentsToTheService) {
 
   EnableTraces(true);
   TRACE("  mFlashBase = %x", 0xFF000000u);
-  TRACE("    Error : save security settings to memory.");
   TRACE("[Q42CriticalDataAuthVar]Entry %a %d %x", "ok", -5, EFI_NOT_FOUND);
   EXPECT_EQ(Traces(), (std::vector<std::string>{"  mFlashBase = ff000000",
-                                                "    Error : save security settings to memory.",
                                                 "[Q42CriticalDataAuthVar]Entry ok -5 e"}))
       << "a 64-bit status printed with %x shows its low 32 bits";
 }
