@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 #include <vector>
+#include <unistd.h>
 
 #include "../../tools/lib/ImageBuilder.h"
 #include "../../tools/lib/NewImageBuilder.h"
@@ -125,7 +126,8 @@ TEST(BiosUpdateTimeline, RegionsAndCodesFollowTheUpdate) {
 
 // Each bad input file gives one message naming the file and what is wrong with it.
 TEST(BiosUpdateInputs, BadFilesGiveOneClearMessage) {
-  const std::string Directory = ::testing::TempDir();
+  // Named for this process: test runs of other checkouts may share the directory.
+  const std::string Directory = ::testing::TempDir() + std::to_string(getpid()) + "-";
   const auto Write = [&](const char *Name, std::vector<uint8_t> Bytes) {
     const std::string Path = Directory + Name;
     EXPECT_TRUE(WriteWholeFile(Path, Bytes));
