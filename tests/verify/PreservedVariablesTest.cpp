@@ -1,6 +1,5 @@
-// Which variables survive an update: authenticated ones, the listed plain ones, live states
-// only, the policy variables when dropped; and the bound of the copy. (The walk's bound is the
-// fuzz harness's.)
+// Which variables survive an update: authenticated ones, the listed plain ones, live states only,
+// policy variables when dropped; the bound of the copy (the walk's bound is the fuzz harness's).
 #include "../../src/verify/PreservedVariables.h"
 
 #include <gtest/gtest.h>

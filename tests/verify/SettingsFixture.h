@@ -107,7 +107,6 @@ protected:
   UINT8 *Live() { return Platform->Flash.Bytes() + (SecuritySettingsBlock - Platform->FlashBaseAddress); }
   UINT8 *Backup() { return Platform->Flash.Bytes() + (SecuritySettingsBackup - Platform->FlashBaseAddress); }
   SettingsBytes LiveBytes() { return SettingsBytes(Live(), Live() + kSecuritySettingsSize); }
-  SettingsBytes BackupBytes() { return SettingsBytes(Backup(), Backup() + kSecuritySettingsSize); }
   void LoadLive(const SettingsBytes &Record) { std::memcpy(Live(), Record.data(), Record.size()); }
   void LoadBackup(const SettingsBytes &Record) { std::memcpy(Backup(), Record.data(), Record.size()); }
 

@@ -88,7 +88,6 @@ TEST(Sha256, PublishedAnswersAndBlockBoundaryMessages) {
   }
 }
 
-// How the input is cut and aligned never changes the digest.
 TEST(Sha256, MatchesOpenSslForEveryShortLengthAndRandomCutsAndAlignments) {
   const auto Source = PseudoRandomBytes(200 * 1024 + 64, 2);
   std::mt19937_64 Rng(0x5A256);

@@ -1,5 +1,5 @@
 // The update region table built from an accepted image: every field (with and without EC and
-// lower parts), the resume HOB from an earlier boot's log, the progress-range texts, and the
+// lower parts), the resume HOB, the progress-range texts and their failures, and the
 // PSP region comparison with its masked entries.
 #include <algorithm>
 #include <cstring>
@@ -34,10 +34,6 @@ protected:
       Texts.emplace_back(reinterpret_cast<const char *>(Log.Records[Index].Data), Log.Records[Index].Length);
     }
     return Texts;
-  }
-  long LogFailureTraces() const {
-    const auto Lines = Traces();
-    return std::count(Lines.begin(), Lines.end(), "    Error : Record log failure.");
   }
 
   std::vector<uint8_t> Image = DefaultImage();
@@ -112,19 +108,17 @@ INSTANTIATE_TEST_SUITE_P(Codes, UpdateRegionsResume,
                                            ResumeCase{0xC5, 5, TRUE, FALSE}));
 
 
-TEST_F(UpdateRegions, ProgressRangesThroughBothGeometriesAndEachFailureTracedAlone) {
+TEST_F(UpdateRegions, ProgressRangesThroughBothGeometriesAndTheirFailuresLeaveTheTableBuilt) {
   const std::vector<std::string> Small = {
       "IBBR(TopSwap):Percentage(0%-4%)/Block(1-189)", "PSPR(TopSwap):Percentage(4%-17%)/Block(189-701)",
       "IBB:Percentage(17%-21%)/Block(701-889)", "PSP:Percentage(21%-34%)/Block(889-1401)",
       "OBB:Percentage(34%-100%)/Block(1401-4096)"};
-  EnableTraces(true);
   StartAndQuery();
   ASSERT_EQ(Build(), EFI_SUCCESS);
   EXPECT_EQ(ProgressTexts(), Small);
   QueryThrough(mBiosImageInterface2);
   ASSERT_EQ(Build(), EFI_SUCCESS);
   EXPECT_EQ(ProgressTexts()[1], "PSPR(TopSwap):Percentage(4%-17%)/Block(12-44)") << "in 64 KiB blocks";
-  EXPECT_EQ(LogFailureTraces(), 0);
 
   struct {
     UINT32 BlockSize;
@@ -137,9 +131,7 @@ TEST_F(UpdateRegions, ProgressRangesThroughBothGeometriesAndEachFailureTracedAlo
     mFlashInfo.BlockSize = Row.BlockSize, mFlashInfo.BlockCount = Row.BlockCount;
     Platform->UpdateLogStore.Answer = Row.LogAnswer;
     Platform->UpdateLogStore.ClearRecords();
-    Platform->ClearTraces();
     EXPECT_EQ(Build(), EFI_SUCCESS) << Row.BlockSize;
-    EXPECT_EQ(LogFailureTraces(), 5) << Row.BlockSize;
     EXPECT_EQ(Platform->UpdateLogStore.Count, 0u);
     EXPECT_EQ(WriteProgressRange(0, 0, reinterpret_cast<const CHAR8 *>("IBBR(TopSwap)")), Row.Expected);
   }
