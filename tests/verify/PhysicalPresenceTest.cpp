@@ -123,7 +123,6 @@ TEST_F(PhysicalPresence, AnOverlongReadIsNotBelievedAndRefusalsOrAFailedSetupPre
   EXPECT_EQ(Record, SettingsBytes(kSecuritySettingsSize, kSentinel));
 }
 
-
 std::vector<UINT8> NewerSetupRecord(UINT16 Offset) {
   std::vector<UINT8> Setup(2048, 0);
   std::memcpy(Setup.data(), &gPlatformSetupLayoutGuid, sizeof(EFI_GUID));

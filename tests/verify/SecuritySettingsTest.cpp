@@ -50,7 +50,6 @@ TEST_F(SecuritySettings, EachFormatPassesWhenSealedAndFailsWhenNot) {
   EXPECT_EQ(CheckSecuritySettings(Cases[2].Record.data()), EFI_SECURITY_VIOLATION);
 }
 
-
 TEST_F(SecuritySettings, ARecordEqualToTheLiveBlockWritesNothingEvenWithAStaleSeal) {
   StartWithFlags(true, false);
   SettingsBytes Stale = Flipped(MakeSettingsRecord(kIntegrityWordChecksum), 0x20);
@@ -118,7 +117,6 @@ TEST_F(SecuritySettings, ALiveBlockOutsideTheMappedFlashIsNotFoundForEveryOperat
   EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_NOT_FOUND);
   EXPECT_EQ(FlashChanges(), 0u);
 }
-
 
 TEST_F(SecuritySettings, ASoundOrEmptyBlockOrOneWithoutDigestProtectionIsLeftAlone) {
   StartWithFlags(true, true);
@@ -199,7 +197,6 @@ TEST_F(SecuritySettings, APowerCutDuringAWriteIsRepairedFromTheBackupAtTheNextBo
   EXPECT_EQ(Sim.ResetCount(), 0u);
 }
 
-
 TEST_F(SecuritySettings, ABlockWithoutMagicGetsItSoTheFollowingWriteWritesTheBlock) {
   StartWithFlags(true, false);
   SettingsBytes NoMagic = MakeSettingsRecord(kIntegrityWordChecksum, false, 0x61);
@@ -227,7 +224,6 @@ TEST_F(SecuritySettings, RefusesWithoutBackupSupportAndResetsOverADamagedBlock) 
   EXPECT_EQ(Copy, nullptr);
   EXPECT_EQ(FailFlag(), 0x700 | kSettingsCleared);
 }
-
 
 TEST_F(SecuritySettings, WaitsForALateFlashServiceAndClosesItsEventOnStop) {
   Install.FlashService = FALSE;

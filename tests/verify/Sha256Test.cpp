@@ -135,7 +135,6 @@ TEST(Sha256, RefusalsGiveTheirExactResultAndNeverWriteOutsideTheContext) {
   }
 }
 
-
 bool gFreedContextsWiped = true;
 
 EFI_STATUS EFIAPI StaleAllocatePool(EFI_MEMORY_TYPE, UINTN Size, VOID **Buffer) {

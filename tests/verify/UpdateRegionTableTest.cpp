@@ -39,7 +39,6 @@ protected:
   std::vector<uint8_t> Image = DefaultImage();
 };
 
-
 struct Expected {
   UINT64 Address, Size, SourceOffset, StartBlock, Pages;
 };
@@ -85,7 +84,6 @@ TEST_F(UpdateRegions, LayoutErrorIsReturnedBeforeAnythingIsTouched) {
   EXPECT_EQ(Platform->UpdateLogStore.Count, 0u);
 }
 
-
 struct ResumeCase {
   UINT8 Code;
   UINT32 FirstRegion;
@@ -106,7 +104,6 @@ TEST_P(UpdateRegionsResume, TheResumeByteChoosesRegionAndPhase) {
 INSTANTIATE_TEST_SUITE_P(Codes, UpdateRegionsResume,
                          ::testing::Values(ResumeCase{0xB3, 3, FALSE, TRUE}, ResumeCase{0x0C, 8, TRUE, FALSE},
                                            ResumeCase{0xC5, 5, TRUE, FALSE}));
-
 
 TEST_F(UpdateRegions, ProgressRangesThroughBothGeometriesAndTheirFailuresLeaveTheTableBuilt) {
   const std::vector<std::string> Small = {
@@ -136,7 +133,6 @@ TEST_F(UpdateRegions, ProgressRangesThroughBothGeometriesAndTheirFailuresLeaveTh
     EXPECT_EQ(WriteProgressRange(0, 0, reinterpret_cast<const CHAR8 *>("IBBR(TopSwap)")), Row.Expected);
   }
 }
-
 
 using namespace PspImage;
 constexpr UINT32 kTree = 0xF80000, kData = kTree + 0x10000;  // the tree's copy-A data follows it

@@ -108,7 +108,6 @@ protected:
   std::vector<const EFI_GUID *> ExtraHobs;
 };
 
-
 enum class Variant { Signed, Tampered, ForeignKey, NoSignatureFile, BadFvSignature, NoFlashMap, BadRegion, Short };
 
 SignedImage MakeVariant(Variant Kind) {
@@ -230,7 +229,6 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"ResumedHftUpdateDoesNotSaveThemAgain", V::Signed, {}, EFI_SUCCESS, true,
                     [](VerifySignature &T) { T.HftUpdate(true); }}),
     [](const ::testing::TestParamInfo<RefusalCase> &Info) { return std::string(Info.param.Name); });
-
 
 TEST_F(VerifySignature, ExcludedAreaDoesNotCountAndIsPutBackAndASecondVerificationDoesNotLeak) {
   ExtraHobs = {&gPeiSignCheckHobGuid};
