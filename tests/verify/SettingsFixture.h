@@ -1,7 +1,5 @@
-// Scenarios for the security-settings block and the physical presence recording: settings
-// records sealed independently of the driver (OpenSSL for the digest), the live block and its
-// backup in the emulated flash, and the library started either by the driver's entry
-// (boot-services mode) or on its own inside the simulated SMM.
+// Settings records sealed independently of the driver (OpenSSL for the digest), the live block
+// and its backup in the emulated flash, the library started by the driver's entry or in SMM.
 #pragma once
 #include <openssl/sha.h>
 
@@ -39,15 +37,6 @@ inline UINT16 RecordWordSum(const SettingsBytes &Record) {
   return Sum;
 }
 
-// SHA-256 of the record with its digest field zeroed.
-inline std::vector<UINT8> ExpectedDigest(const UINT8 *Record) {
-  SettingsBytes Copy(Record, Record + kSecuritySettingsSize);
-  std::memset(Copy.data() + kSettingsDigestOffset, 0, kSettingsDigestSize);
-  std::vector<UINT8> Digest(SHA256_DIGEST_LENGTH);
-  SHA256(Copy.data(), Copy.size(), Digest.data());
-  return Digest;
-}
-
 // A record with settings data, optionally the backup magic, sealed in the format given
 // (any other format value is stored as it is over a zero checksum).
 inline SettingsBytes MakeSettingsRecord(UINT16 Format, bool Magic = true, UINT8 Seed = 0x11) {
@@ -62,9 +51,8 @@ inline SettingsBytes MakeSettingsRecord(UINT16 Format, bool Magic = true, UINT8 
   Put16(Record, kIntegrityFormatOffset, Format);
   if (Format == kIntegrityWordChecksum) {
     Put16(Record, kSettingsChecksumOffset, static_cast<UINT16>(0x10000 - RecordWordSum(Record)));
-  } else if (Format == kIntegritySha256) {
-    std::vector<UINT8> Digest = ExpectedDigest(Record.data());
-    std::memcpy(Record.data() + kSettingsDigestOffset, Digest.data(), Digest.size());
+  } else if (Format == kIntegritySha256) {  // the digest field is still zero
+    SHA256(Record.data(), Record.size(), Record.data() + kSettingsDigestOffset);
   }
   return Record;
 }
@@ -78,22 +66,19 @@ protected:
     ASSERT_EQ(StartDriver(), EFI_SUCCESS);
     Platform->ClearCalls();
   }
-
   void SetFlashServiceFlags(bool BackupSupported, bool Digest) {
     Platform->FlashService->SettingsFlags = BackupSupported ? 0x01 : 0x00;
     Platform->FlashService->VerifyFlags = Digest ? 0x02 : 0x00;
   }
 
   // SMM mode: the library started alone, as an SMM driver's start-up would, with the SMM
-  // settings service, its flash interface and the SMM variable protocol published.
-  void StartInSmm(bool PublishFlash = true, bool PublishVariable = true) {
+  // settings service and (unless told otherwise) its flash interface and the SMM variable protocol.
+  void StartInSmm(bool PublishServices = true) {
     StartTablesOnly();
     Sim.InstallSmmBase2(TRUE);
     Sim.InstallSmmProtocol(gSettingsSmmServiceGuid, Platform->Settings.SmmService);
-    if (PublishFlash) {
+    if (PublishServices) {
       Sim.InstallSmmProtocol(gSettingsSmmFlashGuid, Platform->Settings.SmmFlash);
-    }
-    if (PublishVariable) {
       SmmVariable.SmmGetVariable = Sim.RuntimeServices()->GetVariable;
       SmmVariable.SmmGetNextVariableName = Sim.RuntimeServices()->GetNextVariableName;
       SmmVariable.SmmSetVariable = Sim.RuntimeServices()->SetVariable;
@@ -119,11 +104,9 @@ protected:
     }
   }
 
-  UINT8 *FlashAt(UINT32 Address) { return Platform->Flash.Bytes() + (Address - Platform->FlashBaseAddress); }
-  UINT8 *Live() { return FlashAt(SecuritySettingsBlock); }
-  UINT8 *Backup() { return FlashAt(SecuritySettingsBackup); }
+  UINT8 *Live() { return Platform->Flash.Bytes() + (SecuritySettingsBlock - Platform->FlashBaseAddress); }
+  UINT8 *Backup() { return Platform->Flash.Bytes() + (SecuritySettingsBackup - Platform->FlashBaseAddress); }
   SettingsBytes LiveBytes() { return SettingsBytes(Live(), Live() + kSecuritySettingsSize); }
-  SettingsBytes BackupBytes() { return SettingsBytes(Backup(), Backup() + kSecuritySettingsSize); }
   void LoadLive(const SettingsBytes &Record) { std::memcpy(Live(), Record.data(), Record.size()); }
   void LoadBackup(const SettingsBytes &Record) { std::memcpy(Backup(), Record.data(), Record.size()); }
 

@@ -2,7 +2,6 @@
 // signature-enforcement HOBs and of the security settings saved in an HFT update; the excluded
 // area; the digest erasure. The accepted update as a whole is the whole-update scenario's.
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -29,13 +28,6 @@ struct SignedImage {
   std::vector<uint8_t> Signature;
 };
 
-SignedImage Sign(std::vector<uint8_t> Image, TestSigningKey Key = TestSigningKey::Selector1) {
-  SignedImage Signed{std::move(Image), {}};
-  std::string Error;
-  EXPECT_TRUE(SignWithTestKey(Signed.Image, Signed.Signature, Error, Key)) << Error;
-  return Signed;
-}
-
 // The new image of the reference update, signed with the selector-1 key (built once per family).
 const SignedImage &NewSignedImage(char Family = kDefaultVersionFamily) {
   static std::map<char, SignedImage> Built;
@@ -43,7 +35,10 @@ const SignedImage &NewSignedImage(char Family = kDefaultVersionFamily) {
   if (Found == Built.end()) {
     NewImageOptions Options;
     Options.Base.VersionFamily = Family;
-    Found = Built.emplace(Family, Sign(BuildNewImage(Options).Bytes)).first;
+    SignedImage Signed{BuildNewImage(Options).Bytes, {}};
+    std::string Error;
+    EXPECT_TRUE(SignWithTestKey(Signed.Image, Signed.Signature, Error, TestSigningKey::Selector1)) << Error;
+    Found = Built.emplace(Family, std::move(Signed)).first;
   }
   return Found->second;
 }
@@ -62,7 +57,6 @@ EFI_STATUS EFIAPI FailLayout(const VOID *, UINT64, UINT64 *, UINT64 *, UINT64 *,
   return EFI_DEVICE_ERROR;
 }
 
-// A callback of the image-accept hook that refuses the image.
 VOID EFIAPI RejectingHook(UINTN, HookEntry *) {
   static_cast<ImageHookRecord *>(HookFind(&gImageAcceptHookGuid)->CurrentRecord)->Verdict = kHookAnswerTaken;
 }
@@ -70,18 +64,16 @@ VOID EFIAPI RejectingHook(UINTN, HookEntry *) {
 class VerifySignature : public FlashFixture {
 public:
   // What a table row may change before the driver starts.
+  using FlashFixture::BootBlockUpdateHob, FlashFixture::Install, FlashFixture::Platform, FlashFixture::Sim;
   void RegionTracked() { Platform->Config->Flags |= kPlatformConfigAlternativeFlag; }
-  void WithoutVerifier() { Install.SignatureVerifier = FALSE; }
-  void WithoutBootBlockFeature() {
-    Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, FALSE);
-    BootBlockUpdateHob = false;
-  }
   // An HFT update, region-tracked; a resumed one keeps the settings saved before.
   void HftUpdate(bool Resuming) {
-    const UINT8 Hft = 1;
+    const UINT8 Hft = 1, Resume = 0x05;
     Sim.SetVariable(u"HFT", gPlatformVariableGuid, 7, &Hft, 1);
     RegionTracked();
-    ResumeByte = Resuming ? 0x05 : -1;
+    if (Resuming) {
+      Hobs.AddGuidHob(gUpdateResumeHobGuid, &Resume, 1);
+    }
   }
   bool AddRejectingHookAfterStart = false;
 
@@ -90,10 +82,6 @@ protected:
     for (const EFI_GUID *Hob : ExtraHobs) {
       Hobs.AddGuidHob(*Hob, nullptr, 0);
     }
-    if (ResumeByte >= 0) {
-      const UINT8 Byte = static_cast<UINT8>(ResumeByte);
-      Hobs.AddGuidHob(gUpdateResumeHobGuid, &Byte, 1);
-    }
     Start();
     BiosImageQueryRecord Record;
     ASSERT_EQ(Query(mBiosImageInterface, Record), EFI_SUCCESS);
@@ -101,9 +89,6 @@ protected:
   EFI_STATUS Verify(std::vector<uint8_t> &Image, std::vector<uint8_t> &Signature) {
     return mBiosImageInterface->BiosVerifySignature(mBiosImageInterface, Image.data(), Image.size(),
                                                     Signature.data(), Signature.size());
-  }
-  bool FlashUntouched() const {
-    return Platform->Flash.Stats().SectorErases == 0 && Platform->Flash.Stats().Programs == 0;
   }
   std::vector<uint8_t> Flash(uint64_t Address, size_t Length) const {
     const UINT8 *Bytes = Platform->MappedFlash(Address, Length);
@@ -115,18 +100,13 @@ protected:
     static HookEntry Entry;
     Entry = {};
     Entry.Callback = RejectingHook;
-    LIST_ENTRY &List = HookFind(&gImageAcceptHookGuid)->Lists[0];
-    Entry.Link.Flink = &List;
-    Entry.Link.Blink = List.Blink;
-    List.Blink->Flink = &Entry.Link;
-    List.Blink = &Entry.Link;
+    LIST_ENTRY &Head = HookFind(&gImageAcceptHookGuid)->Lists[0];  // empty until now
+    Entry.Link = {&Head, &Head};
+    Head.Flink = Head.Blink = &Entry.Link;
   }
 
   std::vector<const EFI_GUID *> ExtraHobs;
-  int ResumeByte = -1;
 };
-
-// ---- Every refusal, and what the enforcement HOBs change -------------------------------------
 
 enum class Variant { Signed, Tampered, ForeignKey, NoSignatureFile, BadFvSignature, NoFlashMap, BadRegion, Short };
 
@@ -167,7 +147,7 @@ SignedImage MakeVariant(Variant Kind) {
   return Made;
 }
 
-using Arrange = std::function<void(VerifySignature &, EmuPlatform &)>;
+using Arrange = void (*)(VerifySignature &);
 struct RefusalCase {
   const char *Name;
   Variant Image;
@@ -184,7 +164,7 @@ TEST_P(VerifyRefusals, ExactStatusAndWhatIsKept) {
   const RefusalCase &Case = GetParam();
   ExtraHobs = Case.Hobs;
   if (Case.Setup) {
-    Case.Setup(*this, *Platform);
+    Case.Setup(*this);
   }
   StartWith();
   if (AddRejectingHookAfterStart) {
@@ -196,7 +176,8 @@ TEST_P(VerifyRefusals, ExactStatusAndWhatIsKept) {
   EXPECT_EQ(mVerifiedImage != nullptr, Case.ImageKept);
   EXPECT_EQ(mSecuritySettingsCopy != nullptr, Case.SettingsSaved);
   EXPECT_EQ(Made.Image, Before);  // the caller's buffer is never left changed
-  EXPECT_TRUE(FlashUntouched() || Case.SettingsSaved) << "only the saved settings are written back";
+  const auto &Chip = Platform->Flash.Stats();
+  EXPECT_TRUE((Chip.SectorErases == 0 && Chip.Programs == 0) || Case.SettingsSaved) << "only settings written back";
   if (Case.Image == Variant::Tampered) {
     EXPECT_EQ(Platform->CountCalls("SetUpdateInProgress"), 0u);
   }
@@ -214,19 +195,18 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"Accepted", V::Signed, {kPei, kEnforce}, EFI_SUCCESS, true},
         RefusalCase{"TamperedWithPeiHob", V::Tampered, {kPei}, kRefused, false},
         RefusalCase{"ForeignKeyWithoutPeiHobGoesOn", V::ForeignKey, {}, EFI_SUCCESS, true},
-        RefusalCase{"ForeignKeyWithPeiHob", V::ForeignKey, {kPei}, kRefused, false},
         RefusalCase{"SecondSelectorStatusReturned", V::ForeignKey, {kPei}, EFI_NOT_FOUND, false,
-                    [](VerifySignature &, EmuPlatform &P) { P.SignatureKeys.Keys[0].ModulusSize = 0; }},
+                    [](VerifySignature &T) { T.Platform->SignatureKeys.Keys[0].ModulusSize = 0; }},
         RefusalCase{"PeiHobWithoutDxeCheck", V::Signed, {kPei}, kRefused, false,
-                    [](VerifySignature &, EmuPlatform &) { gConfig.DxeSignCheckFlag = FALSE; }},
+                    [](VerifySignature &) { gConfig.DxeSignCheckFlag = FALSE; }},
         RefusalCase{"PlatformRefusesImage", V::Signed, {}, EFI_ABORTED, false,
-                    [](VerifySignature &, EmuPlatform &P) { P.Config->CheckImage = RefuseImage; }},
+                    [](VerifySignature &T) { T.Platform->Config->CheckImage = RefuseImage; }},
         RefusalCase{"NoVerifier", V::Signed, {}, EFI_NOT_FOUND, false,
-                    [](VerifySignature &T, EmuPlatform &) { T.WithoutVerifier(); }},
+                    [](VerifySignature &T) { T.Install.SignatureVerifier = FALSE; }},
         RefusalCase{"LayoutQueryFails", V::Signed, {}, EFI_DEVICE_ERROR, false,
-                    [](VerifySignature &T, EmuPlatform &P) {
+                    [](VerifySignature &T) {
                       T.RegionTracked();
-                      P.Config->GetUpdateLayout = FailLayout;
+                      T.Platform->Config->GetUpdateLayout = FailLayout;
                     }},
         RefusalCase{"NoSignatureFileEvenUnenforced", V::NoSignatureFile, {}, kRefused, false},
         RefusalCase{"BadFvSignatureEnforced", V::BadFvSignature, {kEnforce}, kRefused, false},
@@ -235,19 +215,20 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"NoFlashMapRecord", V::NoFlashMap, {}, EFI_NOT_FOUND, false},
         RefusalCase{"FlashMapSignatureFails", V::BadRegion, {}, kRefused, false},
         RefusalCase{"FlashMapUncheckedWithoutBootBlockFeature", V::BadRegion, {}, EFI_SUCCESS, true,
-                    [](VerifySignature &T, EmuPlatform &) { T.WithoutBootBlockFeature(); }},
+                    [](VerifySignature &T) {
+                      T.Sim.SetPcd(gPlatformPcdTokenSpaceGuid, kBootBlockUpdateEnabledToken, FALSE);
+                      T.BootBlockUpdateHob = false;
+                    }},
         RefusalCase{"StagingFails", V::Signed, {}, EFI_NOT_READY, false,
-                    [](VerifySignature &, EmuPlatform &P) { P.ExtendedCmos[0xF8] = 0xFF; }},
+                    [](VerifySignature &T) { T.Platform->ExtendedCmos[0xF8] = 0xFF; }},
         RefusalCase{"HookRefusesAfterTheCopy", V::Signed, {}, kRefused, true,
-                    [](VerifySignature &T, EmuPlatform &) { T.AddRejectingHookAfterStart = true; }},
+                    [](VerifySignature &T) { T.AddRejectingHookAfterStart = true; }},
         RefusalCase{"ImageTooShortForExcludedArea", V::Short, {}, EFI_BAD_BUFFER_SIZE, false},
         RefusalCase{"HftUpdateSavesTheSecuritySettings", V::Signed, {}, EFI_SUCCESS, true,
-                    [](VerifySignature &T, EmuPlatform &) { T.HftUpdate(false); }, true},
+                    [](VerifySignature &T) { T.HftUpdate(false); }, true},
         RefusalCase{"ResumedHftUpdateDoesNotSaveThemAgain", V::Signed, {}, EFI_SUCCESS, true,
-                    [](VerifySignature &T, EmuPlatform &) { T.HftUpdate(true); }}),
+                    [](VerifySignature &T) { T.HftUpdate(true); }}),
     [](const ::testing::TestParamInfo<RefusalCase> &Info) { return std::string(Info.param.Name); });
-
-// ---- The excluded area, the digests, a second verification ----------------------------------
 
 TEST_F(VerifySignature, ExcludedAreaDoesNotCountAndIsPutBackAndASecondVerificationDoesNotLeak) {
   ExtraHobs = {&gPeiSignCheckHobGuid};
@@ -293,7 +274,6 @@ TEST_P(VerifyDigests, ErasedOnlyWhenTheFamilyBecomesF) {
   EXPECT_EQ(Flash(kDigestArea1Address, kDigestArea1Size), Area1);
   EXPECT_EQ(Flash(kDigestArea3Address, kDigestArea3Size),
             Case.Erased ? std::vector<uint8_t>(kDigestArea3Size, 0xFF) : Digest);
-  EXPECT_EQ(Flash(kDigestArea2Address, kDigestArea2Size)[0], 0xFF);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, VerifyDigests,
