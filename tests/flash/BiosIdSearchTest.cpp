@@ -11,16 +11,11 @@
 
 namespace {
 
-struct Placed {
-  size_t Offset;
-  const char *Bytes;  // signature and ID as they lie in flash
-};
-
 TEST(ImageQueryBiosIdSearch, FindsTheRecordNearestTheEndWithinTheWindow) {
   const struct {
     const char *Name;
     size_t AreaSize;
-    std::vector<Placed> Records;
+    std::vector<std::pair<size_t, const char *>> Records;  // offset, signature and ID as they lie in flash
     const char *ExpectedId;  // nullptr: nothing found
   } kRows[] = {
       {"not on a step", 0x100, {{0x18, "$BIDABCDE"}}, nullptr},
@@ -34,8 +29,8 @@ TEST(ImageQueryBiosIdSearch, FindsTheRecordNearestTheEndWithinTheWindow) {
   for (const auto &Row : kRows) {
     std::unique_ptr<UINT8[]> Area(new UINT8[Row.AreaSize]);  // exactly sized: ASan sees an overrun
     std::fill(Area.get(), Area.get() + Row.AreaSize, 0xFF);
-    for (const Placed &Record : Row.Records) {
-      std::copy(Record.Bytes, Record.Bytes + std::char_traits<char>::length(Record.Bytes), Area.get() + Record.Offset);
+    for (const auto &[Offset, Bytes] : Row.Records) {
+      std::copy(Bytes, Bytes + std::char_traits<char>::length(Bytes), Area.get() + Offset);
     }
     UINT8 Id[kBiosIdLength] = {'-', '-', '-', '-', '-'};
     EXPECT_EQ(FindBiosId(ByteView(Area.get(), Row.AreaSize), Id) != FALSE, Row.ExpectedId != nullptr) << Row.Name;

@@ -12,66 +12,35 @@ protected:
   // The driver started on the platform's layout, with the current flash as the accepted image.
   void StartWithImage() {
     Start();
-    ASSERT_EQ(Platform->FlashService->GetFlashInfo(&mFlashInfo), EFI_SUCCESS);
-    const UINT32 EcSize = Platform->Layout.EcSize;
-    Image.resize(EcSize + Platform->Flash.Size());
-    std::copy(Platform->EcStore, Platform->EcStore + EcSize, Image.begin());
-    std::copy(Platform->Flash.Bytes(), Platform->Flash.Bytes() + Platform->Flash.Size(), Image.begin() + EcSize);
-    mVerifiedImage = Image.data();
-    mVerifiedImageSize = Image.size();
+    AcceptFlashCopy(0x00);
+    Image = mVerifiedImage;
     Platform->ClearCalls();
     Platform->Flash.ResetStats();
   }
-  ~FlashWriteImageRange() override {
-    mVerifiedImage = nullptr;
-    mVerifiedImageSize = 0;
-  }
-
-  // One buffer for every test, so that its pages are touched once per process.
-  static std::vector<UINT8> &AcceptedImage() {
-    static std::vector<UINT8> Buffer;
-    return Buffer;
-  }
-  std::vector<UINT8> &Image = AcceptedImage();
+  UINT8 *Image = nullptr;
 };
 
-TEST_F(FlashWriteImageRange, MappedRangesAreComparedSkippedWhenEqualYetCountAsWritten) {
+// Mapped ranges count as written when equal (no write) or written; a range outside the image
+// or a device error leaves the flag alone.
+TEST_F(FlashWriteImageRange, MappedRangesAreComparedAndCountAsWrittenUnlessRefusedOrFailed) {
   StartWithImage();
-  ASSERT_FALSE(mFlashWritten);
+  EXPECT_EQ(WriteImageRange(0x1000, mVerifiedImageSize - 0xFFF, 0), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(Platform->CallCount, 0u) << "no device touched";
   EXPECT_EQ(WriteImageRange(0x2000, 0x1B0000, 0), EFI_SUCCESS);
   EXPECT_TRUE(mFlashWritten);
   EXPECT_EQ(Platform->CountCalls("WriteFlash"), 0u);
-  EXPECT_EQ(Platform->Flash.Stats().SectorErases, 0u);
 
   mFlashWritten = FALSE;
   Image[0x1B0010] ^= 0xFF;
-  EXPECT_EQ(WriteImageRange(0x1000, 0x1B0000, 0), EFI_SUCCESS);
-  auto Writes = CallsNamed("WriteFlash");
-  ASSERT_EQ(Writes.size(), 1u);
-  EXPECT_EQ(std::vector<UINT64>(Writes[0].Arguments, Writes[0].Arguments + 4),
-            (std::vector<UINT64>{0, 0xFF1B0000u, reinterpret_cast<UINT64>(Image.data() + 0x1B0000), 0x1000}));
-  EXPECT_EQ(Platform->Flash.Bytes()[0x1B0010], Image[0x1B0010]);
-  EXPECT_TRUE(mFlashWritten);
-
-  std::vector<UINT8> Source(0x100, 0x5A);  // an explicit source, compared the same way
-  EXPECT_EQ(WriteImageRange(0x100, 0x200, reinterpret_cast<UINT64>(Source.data())), EFI_SUCCESS);
-  EXPECT_EQ(Platform->CountCalls("WriteFlash"), 2u);
-  EXPECT_EQ(WriteImageRange(0x100, 0x200, reinterpret_cast<UINT64>(Source.data())), EFI_SUCCESS);
-  EXPECT_EQ(Platform->CountCalls("WriteFlash"), 2u) << "now equal: skipped";
-}
-
-TEST_F(FlashWriteImageRange, DeviceErrorsAndRangesOutsideTheImageLeaveTheFlagAlone) {
-  StartWithImage();
-  EXPECT_EQ(WriteImageRange(0x1000, Image.size() - 0xFFF, 0), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(Platform->CallCount, 0u) << "no device touched";
-  Image[0x300000] ^= 0x01;
   Platform->Flash.FailOperation(1);
-  EXPECT_EQ(WriteImageRange(0x1000, 0x300000, 0), EFI_DEVICE_ERROR);
+  EXPECT_EQ(WriteImageRange(0x1000, 0x1B0000, 0), EFI_DEVICE_ERROR);
   EXPECT_FALSE(mFlashWritten);
-  EXPECT_EQ(WriteImageRange(0x1000, 0x300000, 0), EFI_SUCCESS) << "no retries here; the caller's next call works";
+  EXPECT_EQ(WriteImageRange(0x1000, 0x1B0000, 0), EFI_SUCCESS) << "no retries here; the caller's next call works";
+  auto Writes = CallsNamed("WriteFlash");
+  ASSERT_EQ(Writes.size(), 2u);
+  EXPECT_EQ(std::vector<UINT64>(Writes[1].Arguments, Writes[1].Arguments + 4),
+            (std::vector<UINT64>{0, 0xFF1B0000u, reinterpret_cast<UINT64>(Image + 0x1B0000), 0x1000}));
   EXPECT_TRUE(mFlashWritten);
-  mVerifiedImage = nullptr;
-  EXPECT_EQ(WriteImageRange(0x10, 0, 0), EFI_INVALID_PARAMETER) << "no image accepted yet";
 }
 
 TEST_F(FlashWriteImageRange, LowerPartIsAlwaysWrittenNeverCompared) {
@@ -81,13 +50,12 @@ TEST_F(FlashWriteImageRange, LowerPartIsAlwaysWrittenNeverCompared) {
   auto Writes = CallsNamed("WriteFlash");
   ASSERT_EQ(Writes.size(), 1u) << "equal bytes, still written";
   EXPECT_EQ(Writes[0].Arguments[1], 0xFEF80000u);
-  EXPECT_TRUE(mFlashWritten);
   EXPECT_EQ(WriteImageRange(0x1000, 0x100000, 0), EFI_SUCCESS) << "the first mapped block is compared";
   EXPECT_EQ(Platform->CountCalls("WriteFlash"), 1u);
 
   // A base above 0xFF000000 puts the lower part inside the mapped window: still not compared.
   mFlashBase = 0xFF100000;
-  std::copy_n(Platform->Flash.Bytes() + (0xFF080000 - Platform->FlashBaseAddress), 0x1000, Image.begin() + 0x80000);
+  std::copy_n(Platform->Flash.Bytes() + (0xFF080000 - Platform->FlashBaseAddress), 0x1000, Image + 0x80000);
   EXPECT_EQ(WriteImageRange(0x1000, 0x80000, 0), EFI_SUCCESS);
   Writes = CallsNamed("WriteFlash");
   ASSERT_EQ(Writes.size(), 2u) << "equal to the window's bytes, still written";
@@ -105,20 +73,13 @@ TEST_F(FlashWriteImageRange, EcRangeGoesToTheEcStoreWholeOrNowhereWhenDeferred) 
   auto Writes = CallsNamed("WriteEc");
   ASSERT_EQ(Writes.size(), 2u);
   EXPECT_EQ(std::vector<UINT64>(Writes[1].Arguments, Writes[1].Arguments + 3),
-            (std::vector<UINT64>{reinterpret_cast<UINT64>(Image.data() + 0x1FFF0), 0x10, 0x1FFF0}));
-  EXPECT_EQ(Platform->EcStore[0x1FFF0], Image[0x1FFF0]);
+            (std::vector<UINT64>{reinterpret_cast<UINT64>(Image + 0x1FFF0), 0x10, 0x1FFF0}));
   EXPECT_TRUE(mFlashWritten && Platform->CountCalls("WriteFlash") == 0);
 
   Platform->ClearCalls();
   mFlashWritten = FALSE;
   mEcUpdateDeferred = TRUE;
   EXPECT_EQ(WriteImageRange(0x1000, 0x0, 0), EFI_SUCCESS);
-  EXPECT_TRUE(mFlashWritten);
-  EXPECT_EQ(Platform->CallCount, 0u);
-
-  mFlashWritten = FALSE;
-  mFlashInfo.MappedFlashSize = 0;  // an offset addressing nothing counts as written
-  EXPECT_EQ(WriteImageRange(0x1000, 0x20000, 0), EFI_SUCCESS);
   EXPECT_TRUE(mFlashWritten);
   EXPECT_EQ(Platform->CallCount, 0u);
 }
@@ -132,7 +93,6 @@ TEST(FlashImageOffset, MapsToTheDeviceThePartNames) {
     UINT64 Address;
   } kRows[] = {
       {"no EC part: offset 0 is the lower part's start", 0, 0x100000, 0x1000000, 0, ImageTarget::Flash, 0xFEF00000},
-      {"mapped only", 0, 0, 0x1000000, 0xFFFFFF, ImageTarget::Flash, 0xFFFFFFFF},
       {"EC part", 0x20000, 0, 0x1000000, 0x1FFFF, ImageTarget::EcStore, 0x1FFFF},
       {"first byte after the EC part", 0x20000, 0, 0x1000000, 0x20000, ImageTarget::Flash, 0xFF000000},
       {"EC and lower parts", 0x20000, 0x80000, 0x1000000, 0x20000, ImageTarget::Flash, 0xFEF80000},

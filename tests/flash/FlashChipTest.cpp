@@ -1,5 +1,5 @@
-// The emulated SPI NOR chip: program semantics, range refusals and the power cut that the
-// flash scenarios build on.
+// The emulated SPI NOR chip: program semantics and the power cut that the flash scenarios
+// build on (the platform's address checks in front of it are tested through the services).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +14,6 @@ constexpr UINT32 kChipSize = 4 * EmuFlashChip::kSectorSize;
 class FlashChip : public ::testing::Test {
 protected:
   FlashChip() : Storage(kChipSize, 0x00) { Chip.Attach(Storage.data(), kChipSize); }
-  void LoadZeros() { Chip.Load(0, std::vector<UINT8>(kChipSize, 0).data(), kChipSize); }
   std::vector<UINT8> Bytes(UINT32 Offset, UINT32 Length) const {
     return std::vector<UINT8>(Storage.begin() + Offset, Storage.begin() + Offset + Length);
   }
@@ -23,43 +22,21 @@ protected:
   EmuFlashChip Chip;
 };
 
+// Programming the erased chip is no fault; 0x0F over 0xF0 wants bits set back to 1, which is
+// one fault, and the cell keeps the AND.
 TEST_F(FlashChip, StartsErasedAndProgramOnlyClearsBits) {
-  EXPECT_EQ(Bytes(0, 4), std::vector<UINT8>(4, 0xFF));
-  const UINT8 First[2] = {0xF0, 0x3C};
+  const UINT8 First[2] = {0xF0, 0x3C}, Second[2] = {0x0F, 0x3C};
   ASSERT_EQ(Chip.Program(0x10, First, 2), EFI_SUCCESS);
-  EXPECT_EQ(Chip.Stats().ProgramFaults, 0u);
-
-  const UINT8 Second[2] = {0x0F, 0x3C};  // 0x0F over 0xF0 wants bits set back to 1
   ASSERT_EQ(Chip.Program(0x10, Second, 2), EFI_SUCCESS);
-  EXPECT_EQ(Bytes(0x10, 2), (std::vector<UINT8>{0x00, 0x3C})) << "the cell keeps the AND";
+  EXPECT_EQ(Bytes(0x10, 2), (std::vector<UINT8>{0x00, 0x3C}));
   EXPECT_EQ(Chip.Stats().ProgramFaults, 1u);
-  EXPECT_EQ(Chip.Stats().Programs, 2u);
-  EXPECT_EQ(Chip.Stats().BytesProgrammed, 4u);
-}
-
-TEST_F(FlashChip, OperationsOutOfRangeAreRefusedAndChangeNothing) {
-  const struct {
-    const char *Name;
-    UINT32 Offset, Length;
-  } Cases[] = {{"one byte past the end", kChipSize, 1},
-               {"ending one past the end", kChipSize - 4, 5},
-               {"length wrapping past 4 GiB", 0x10, 0xFFFFFFF8},
-               {"offset near 4 GiB", 0xFFFFFFFF, 1}};
-  std::vector<UINT8> Buffer(16, 0x00);
-  for (const auto &Case : Cases) {
-    EXPECT_EQ(Chip.Read(Case.Offset, Buffer.data(), Case.Length), EFI_INVALID_PARAMETER) << Case.Name;
-    EXPECT_EQ(Chip.EraseSectors(Case.Offset, Case.Length), EFI_INVALID_PARAMETER) << Case.Name;
-    EXPECT_EQ(Chip.Program(Case.Offset, Buffer.data(), Case.Length), EFI_INVALID_PARAMETER) << Case.Name;
-  }
-  EXPECT_EQ(Chip.Stats().Reads + Chip.Stats().SectorErases + Chip.Stats().Programs, 0u);
-  EXPECT_EQ(Chip.OperationsCounted(), 0u) << "refused operations do not move the fault counter";
-  EXPECT_EQ(Bytes(0, kChipSize), std::vector<UINT8>(kChipSize, 0xFF));
 }
 
 // What a cut leaves, for the same (seed, N) twice and for another seed: an erase cut sets a
 // random subset of each old byte's bits (the sector after it keeps its bytes); a program cut
 // programs the pages before a random page, clears part of that page's intended zero bits and
-// leaves the later pages erased. Afterwards every operation fails until the next boot.
+// leaves the later pages erased. Afterwards every operation fails until the next boot (the
+// next boot's side is the NextBoot tests').
 TEST_F(FlashChip, PowerCutLeavesIndeterminateBitsReproduciblyAndStopsTheChip) {
   constexpr UINT32 kSector = EmuFlashChip::kSectorSize;
   constexpr UINT32 kPage = EmuFlashChip::kPageSize;
@@ -76,7 +53,6 @@ TEST_F(FlashChip, PowerCutLeavesIndeterminateBitsReproduciblyAndStopsTheChip) {
     const std::vector<UINT8> Zeros(kSector, 0x00);
     EXPECT_EQ(Erase ? Chip.EraseSectors(kSector, 2 * kSector) : Chip.Program(0x10, Zeros.data(), kSector - 0x20),
               EFI_DEVICE_ERROR);
-    EXPECT_TRUE(Chip.PowerLost());
     return std::make_pair(Old, Bytes(0, kChipSize));
   };
 
@@ -101,15 +77,10 @@ TEST_F(FlashChip, PowerCutLeavesIndeterminateBitsReproduciblyAndStopsTheChip) {
   EXPECT_GT(PartlyProgrammed, (AfterProgram.begin() + PageEnd - InProgress) / 2) << "part of the page's zeros got in";
   EXPECT_TRUE(std::all_of(AfterProgram.begin() + PageEnd, AfterProgram.begin() + kSector, [](UINT8 Byte) { return Byte == 0xFF; }))
       << "pages after the page in progress stay erased";
-  EXPECT_EQ(Cut(7, false).second, AfterProgram);
 
   UINT8 Buffer[4] = {};
-  EXPECT_EQ(Chip.Read(0, Buffer, 4), EFI_DEVICE_ERROR);
   EXPECT_EQ(Chip.Program(0, Buffer, 4), EFI_DEVICE_ERROR);
-  EXPECT_EQ(Chip.EraseSectors(2 * kSector, 1), EFI_DEVICE_ERROR);
   EXPECT_EQ(Bytes(0, kChipSize), AfterProgram) << "nothing reaches the array after the cut";
-  Chip.RestorePower();
-  EXPECT_EQ(Chip.Read(0, Buffer, 4), EFI_SUCCESS) << "the next boot finds what the cut left";
 }
 
 }  // namespace

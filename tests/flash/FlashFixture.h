@@ -41,17 +41,13 @@ protected:
   }
 
   void Start() {
-    if (UpdateAllowedHob) {
-      Hobs.AddGuidHob(gUpdateAllowedHobGuid, nullptr, 0);
-    }
-    if (BootBlockUpdateHob) {
-      Hobs.AddGuidHob(gBootBlockUpdateHobGuid, nullptr, 0);
-    }
-    if (UpdateAuthorizedHob) {
-      Hobs.AddGuidHob(gUpdateAuthorizedHobGuid, nullptr, 0);
-    }
-    if (FullRecoveryHob) {
-      Hobs.AddGuidHob(gFullRecoveryHobGuid, nullptr, 0);
+    for (const auto &[On, Guid] : {std::pair{UpdateAllowedHob, &gUpdateAllowedHobGuid},
+                                   {BootBlockUpdateHob, &gBootBlockUpdateHobGuid},
+                                   {UpdateAuthorizedHob, &gUpdateAuthorizedHobGuid},
+                                   {FullRecoveryHob, &gFullRecoveryHobGuid}}) {
+      if (On) {
+        Hobs.AddGuidHob(*Guid, nullptr, 0);
+      }
     }
     ASSERT_EQ(StartDriver(), EFI_SUCCESS);
     Platform->ClearCalls();
@@ -78,7 +74,6 @@ protected:
   EFI_STATUS Query(BiosImageInterfaceProtocol *Table, BiosImageQueryRecord &Record) {
     return Table->BiosQueryImage(Table, &Record, 0, 0);
   }
-
 
   bool UpdateAllowedHob = true;
   bool BootBlockUpdateHob = true;
