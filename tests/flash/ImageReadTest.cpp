@@ -38,8 +38,7 @@ protected:
 
 // Each test accepts a changed image: every byte differs from the flash and the EC store.
 TEST_F(ImageReadBack, OverlaysIbb4TheVariableStoreAndTheSavedSkipRegionsAndReportsFailures) {
-  Start();
-  AcceptFlashCopy(0xA5);
+  StartWithCopy(0xA5);
   Platform->Config->Flags |= kPlatformConfigAlternativeFlag;
   ASSERT_EQ(BuildUpdateRegionTable(mVerifiedImage, mVerifiedImageSize), EFI_SUCCESS);
   mSavedSkipRegions.Count = 2;
@@ -69,8 +68,7 @@ TEST_F(ImageReadBack, OverlaysIbb4TheVariableStoreAndTheSavedSkipRegionsAndRepor
 
 TEST_F(ImageReadBack, TakesTheHeadFromTheImageAndTheEcPartFromItsStoreUnlessDeferred) {
   UseLayout({0x20000, 0x100000, 0x01000000, 0x20000});
-  Start();
-  AcceptFlashCopy(0xA5);
+  StartWithCopy(0xA5);
   mSavedSkipRegions.Count = 2;
   mSavedSkipRegions.Regions[0] = {0, 0x121};         // Start 0 reaching 4 KiB past the head
   mSavedSkipRegions.Regions[1] = {0x110000, 0x12};   // starts in the head: clipped to the mapped part

@@ -117,7 +117,6 @@ protected:
   }
 
   size_t Calls(const char *Name) const { return Platform->CountCalls(Name); }
-  // Every flash-changing call, by either interface.
   size_t FlashChanges() const {
     return Calls("FlashDeviceErase") + Calls("FlashDeviceWrite") + Calls("SmmFlashErase") + Calls("SmmFlashWrite");
   }

@@ -1,6 +1,5 @@
-// BiosVerifySignature: one table of every refusal (a tampered image among them), of the
-// signature-enforcement HOBs and of the security settings saved in an HFT update; the excluded
-// area; the digest erasure. The accepted update as a whole is the whole-update scenario's.
+// BiosVerifySignature: one table of every refusal, of the signature-enforcement HOBs and of the
+// settings saved in an HFT update; the excluded area; the digest erasure.
 #include <algorithm>
 #include <map>
 #include <string>
