@@ -56,8 +56,7 @@ TEST_F(ImageReadBack, OverlaysIbb4TheVariableStoreAndTheSavedSkipRegionsAndRepor
 
   Platform->Config->Flags &= ~kPlatformConfigAlternativeFlag;
   mSavedSkipRegions.Count = 0;
-  const std::vector<UINT8> Plain = Read();
-  EXPECT_EQ(Origins(Plain)[(EmuFlashLayout::kIbb4Address - 0xFF000000) / 0x1000], 'F') << "IBB4 only when tracked";
+  EXPECT_EQ(Origins(Read())[(EmuFlashLayout::kIbb4Address - 0xFF000000) / 0x1000], 'F') << "IBB4 only when tracked";
 
   // Without an image or a buffer pointer the refusal is HostileInput's; here pool and the device.
   Sim.FailAllocationAfter(1);

@@ -88,17 +88,15 @@ TEST_F(SecuritySettings, SealsWithTheWordChecksumOrWithSha256UnderDigestProtecti
 TEST_F(SecuritySettings, RefusalsTouchNeitherTheRecordNorTheFlash) {
   const struct {
     const char *Name;
-    bool BackupSupported, Magic, EraseMember;
+    bool Magic, EraseMember;
     EFI_STATUS Expected;
   } Cases[] = {
-      {"backup not supported", false, true, true, EFI_UNSUPPORTED},
-      {"no magic", true, false, true, EFI_ACCESS_DENIED},
-      {"flash device without an erase member", true, true, false, EFI_PROTOCOL_ERROR},
+      {"no magic", false, true, EFI_ACCESS_DENIED},
+      {"flash device without an erase member", true, false, EFI_PROTOCOL_ERROR},
   };
   StartWithFlags(true, false);
   PLATFORM_FLASH_DEVICE_ERASE Erase = Platform->FlashDevice->FlashDeviceErase;
   for (const auto &Item : Cases) {
-    SettingsBackupSupported = Item.BackupSupported;
     Platform->FlashDevice->FlashDeviceErase = Item.EraseMember ? Erase : nullptr;
     SettingsBytes Record = MakeSettingsRecord(7, Item.Magic, 0x33);
     const SettingsBytes Before = Record;
@@ -210,11 +208,9 @@ TEST_F(SecuritySettings, ABlockWithoutMagicGetsItSoTheFollowingWriteWritesTheBlo
   EXPECT_EQ(std::memcmp(Live() + kBackupMagicOffset, "$zqBKSEC", 8), 0);
 }
 
-TEST_F(SecuritySettings, RefusesWithoutBackupSupportAndResetsOverADamagedBlock) {
-  StartWithFlags(false, false);
-  EXPECT_EQ(SaveSecuritySettings(&Copy), EFI_UNSUPPORTED);
-  SettingsBackupSupported = TRUE;
-  DigestProtection = TRUE;  // a damaged block without a backup resets before the snapshot
+// A damaged block without a backup resets before the snapshot.
+TEST_F(SecuritySettings, ASnapshotOverADamagedBlockWithoutABackupResetsFirst) {
+  StartWithFlags(true, true);
   LoadLive(Flipped(MakeSettingsRecord(kIntegritySha256), 0x10));
   LoadBackup(SettingsBytes(kSecuritySettingsSize, 0xFF));
   EXPECT_THROW(SaveSecuritySettings(&Copy), SimResetRequested);

@@ -190,8 +190,6 @@ const StagingRow kRows[] = {
     {"SmbiosWalkFails", Plain([](UpdateStaging &Test, SimVolume &) { Test.Smbios->FailGetNext(EFI_NOT_FOUND); }),
      EFI_UNSUPPORTED},
     {"NoBlockDevices", [](UpdateStaging &Test) { Test.AddSmbios(0); }, EFI_UNSUPPORTED},
-    {"NoPoolForTheInformationBuffer",
-     Plain([](UpdateStaging &Test, SimVolume &) { Test.Sim.FailAllocationAfter(2); }), EFI_BUFFER_TOO_SMALL},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, UpdateStaging, ::testing::ValuesIn(kRows),
