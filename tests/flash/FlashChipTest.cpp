@@ -22,8 +22,7 @@ protected:
   EmuFlashChip Chip;
 };
 
-// Programming the erased chip is no fault; 0x0F over 0xF0 wants bits set back to 1, which is
-// one fault, and the cell keeps the AND.
+// 0x0F over 0xF0 wants bits set back to 1: one fault, and the cell keeps the AND.
 TEST_F(FlashChip, StartsErasedAndProgramOnlyClearsBits) {
   const UINT8 First[2] = {0xF0, 0x3C}, Second[2] = {0x0F, 0x3C};
   ASSERT_EQ(Chip.Program(0x10, First, 2), EFI_SUCCESS);
@@ -32,9 +31,8 @@ TEST_F(FlashChip, StartsErasedAndProgramOnlyClearsBits) {
   EXPECT_EQ(Chip.Stats().ProgramFaults, 1u);
 }
 
-// What an erase cut leaves, the same for the same (seed, N): a random subset of each old
-// byte's bits set, the sector after it untouched. Afterwards every operation fails until the
-// next boot (the next boot's side is the NextBoot tests').
+// An erase cut sets a random subset of each old byte's bits, the same for the same (seed, N),
+// and leaves the next sector alone; then every operation fails until the next boot.
 TEST_F(FlashChip, PowerCutLeavesIndeterminateBitsReproduciblyAndStopsTheChip) {
   constexpr UINT32 kSector = EmuFlashChip::kSectorSize;
   const auto Cut = [&] {

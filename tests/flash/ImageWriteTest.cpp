@@ -15,9 +15,6 @@
 bool operator==(const FlashWriteRange &A, const FlashWriteRange &B) {
   return A.Start == B.Start && A.Source == B.Source && A.Length == B.Length;
 }
-void PrintTo(const FlashWriteRange &R, std::ostream *Out) {
-  *Out << std::hex << "{0x" << R.Start << ", 0x" << R.Source << ", 0x" << R.Length << "}";
-}
 
 namespace {
 

@@ -196,9 +196,8 @@ TEST_P(VariableStoreBothForms, BackupHoldsExactlyTheSelectionAndRestorePutsItBeh
 INSTANTIATE_TEST_SUITE_P(HeaderForms, VariableStoreBothForms, ::testing::Values(true, false),
                          [](const auto &Info) { return Info.param ? "Vss" : "Guid"; });
 
-// With the power-loss remedies a cut at any operation of the backup's write, its seal's
-// included, leaves either the whole backup or one that does not count and is taken again;
-// one changed byte voids a sealed backup too.
+// With the power-loss remedies a cut at any operation of the backup's write (its seal's too) leaves
+// the whole backup or one that does not count and is taken again; a changed byte voids a sealed one.
 TEST_F(VariableStoreBackup, WithTheRemediesOnlyASealedBackupCounts) {
   Start();
   gConfig.PowerLossRemedies = TRUE;

@@ -71,9 +71,8 @@ TEST_P(WholeUpdate, ReferenceUpdateLandsRegionByRegion) {
 INSTANTIATE_TEST_SUITE_P(BothTables, WholeUpdate, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool> &Info) { return Info.param ? "Second" : "First"; });
 
-// A recovery update ended with status 0, then the next boot over the same chip with the
-// CMOS bank cleared: the restore at start brings the completion's CMOS bytes back from the
-// journal the completion appended to.
+// A recovery update ended with status 0, then the next boot with the CMOS bank cleared: the
+// restore at start brings the completion's CMOS bytes back from the journal it appended to.
 TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes) {
   UpdateScene Scene;
   ASSERT_TRUE(Scene.Ready());
@@ -92,7 +91,6 @@ TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes
   Options.CompletionStatus = 0;
   const UpdateReport Report = RunUpdate(*Platform, Scene.Image, Scene.Signature, Options);
   ASSERT_TRUE(Report.Completed());
-  EXPECT_EQ(Report.Completion, EFI_SUCCESS);
 
   // What the completion itself does is the completion tests' matter; here the preserved
   // variables are back in the live store after the blocks rewrote it.
