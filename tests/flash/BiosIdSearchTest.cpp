@@ -1,6 +1,5 @@
 // The "$BID" search over a BIOS-ID area read from flash: malformed or hostile areas give
-// "not found", never a read outside the area (the area is an exactly sized heap copy, so
-// ASan reports any overrun).
+// "not found", never a read outside the area.
 #include <gtest/gtest.h>
 
 #include <memory>

