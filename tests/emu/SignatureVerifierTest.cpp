@@ -59,15 +59,4 @@ TEST_F(SignatureVerifierTest, EachSelectorAcceptsOnlyItsOwnKeyWithEitherRsaCheck
   }
 }
 
-TEST_F(SignatureVerifierTest, NullPointersAndMissingKeysAreAnsweredBeforeAnyCheck) {
-  ImageSignatureVerifyProtocol *Verifier = Locate();
-  ASSERT_NE(Verifier, nullptr);
-  const std::vector<uint8_t> Data(64, 1);
-  const std::vector<uint8_t> Signature = SignWith(TestSigningKey::Selector0, Data);
-  EXPECT_EQ(Verifier->Verify(nullptr, 0, Signature.data(), Signature.size(), 0), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(Verifier->Verify(Data.data(), Data.size(), nullptr, 0, 0), EFI_INVALID_PARAMETER);
-  Platform->SignatureKeys.Keys[0].ModulusSize = 0;
-  EXPECT_EQ(Verifier->Verify(Data.data(), Data.size(), Signature.data(), Signature.size(), 0), EFI_NOT_FOUND);
-}
-
 }  // namespace
