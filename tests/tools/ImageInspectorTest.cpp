@@ -46,13 +46,8 @@ std::vector<uint8_t> ImageWithTree(PspImage::PspTree &Tree) {
   return Image;
 }
 
-const ImageInspection &DefaultInspection() {
-  static const ImageInspection Inspection = InspectImage(DefaultImage());
-  return Inspection;
-}
-
 TEST(ImageInspector, ReferenceImageListsItsMapStoresAndTreeWithoutFindings) {
-  const ImageInspection &I = DefaultInspection();
+  const ImageInspection I = InspectImage(DefaultImage());
   EXPECT_TRUE(I.Recognized()) << (I.Findings.empty() ? "" : I.Findings.front());
   EXPECT_EQ(I.BiosId.Text, "ZQ42A");
   EXPECT_EQ(I.RecoveryBiosId.Text, "ZQ42A");
