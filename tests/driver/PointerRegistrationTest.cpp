@@ -10,11 +10,9 @@ namespace {
 
 class PointerRegistrationTest : public PlatformFixture {
 protected:
-  UINT64 Address(const void *Variable) { return reinterpret_cast<UINT64>(Variable); }
-
   bool Recorded(const char *Name, const void *Variable) {
-    for (UINTN Index = 0; Index < Platform->CallCount; Index++) {
-      if (std::string(Platform->Calls[Index].Name) == Name && Platform->Calls[Index].Arguments[0] == Address(Variable)) {
+    for (const EmuCall &Call : CallsNamed(Name)) {
+      if (Call.Arguments[0] == reinterpret_cast<UINT64>(Variable)) {
         return true;
       }
     }

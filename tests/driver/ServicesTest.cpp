@@ -6,12 +6,10 @@
 
 namespace {
 
-class FixedServices : public PlatformFixture {
-protected:
-  void SetUp() override { ASSERT_EQ(StartDriver(), EFI_SUCCESS); }
-};
+using FixedServices = PlatformFixture;
 
 TEST_F(FixedServices, VersionIsLoggedAsRecord27OnlyWhenThereIsAnUpdateLog) {
+  ASSERT_EQ(StartDriver(), EFI_SUCCESS);
   BiosImageInterfaceProtocol *Services = mBiosImageInterface2;
   UINT8 Major = 0xAA, Minor = 0xAA;
   Platform->ClearCalls();

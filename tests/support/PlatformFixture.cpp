@@ -96,16 +96,10 @@ EFI_STATUS PlatformFixture::StartDriver() {
 }
 
 std::vector<std::string> PlatformFixture::Traces() const {
+  const std::string Text(reinterpret_cast<const char *>(Platform->TraceText), Platform->TraceLength);
   std::vector<std::string> Lines;
-  std::string Current;
-  for (UINTN Index = 0; Index < Platform->TraceLength; Index++) {
-    char Character = static_cast<char>(Platform->TraceText[Index]);
-    if (Character == '\n') {
-      Lines.push_back(Current);
-      Current.clear();
-    } else {
-      Current.push_back(Character);
-    }
+  for (size_t Start = 0, End; (End = Text.find('\n', Start)) != std::string::npos; Start = End + 1) {
+    Lines.push_back(Text.substr(Start, End - Start));
   }
   return Lines;
 }

@@ -166,14 +166,4 @@ TEST_F(CompletionStatus, FreesThePlatformPoolBufferOnceAndTracesTheStatusInHex) 
   EXPECT_EQ(Sim.HandlesWith(gFlashCompleteProtocolGuid).size(), 1u);
 }
 
-TEST_F(CompletionStatus, EraseVariableBackupRefusesWithoutAVolumeAndErasesTheWholeArea) {
-  Start();
-  EXPECT_EQ(EraseVariableBackup(), EFI_NOT_FOUND) << "the default backup area is erased flash";
-  ASSERT_EQ(BackupVariableStore(DefaultImage().data(), DefaultImage().size()), EFI_SUCCESS);
-  EXPECT_EQ(EraseVariableBackup(), EFI_SUCCESS);
-  const UINT8 *Area = Platform->MappedFlash(kVariableBackupAddress, kVariableBackupSize);
-  ASSERT_NE(Area, nullptr);
-  EXPECT_TRUE(std::all_of(Area, Area + kVariableBackupSize, [](UINT8 Byte) { return Byte == 0xFF; }));
-}
-
 }  // namespace

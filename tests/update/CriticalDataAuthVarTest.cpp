@@ -1,6 +1,6 @@
 // The critical-variable digest: which records are gathered, what lands in the critical-data
 // block and through which flash service, when nothing is written, and how the library finds
-// its service at start (boot services, a later installation, SMM).
+// its service at start (boot services or a later installation).
 #include <openssl/sha.h>
 
 #include <set>
@@ -54,19 +54,6 @@ protected:
     const UINT8 *At = Platform->MappedFlash(Address, Length);
     return Bytes(At, At + Length);
   }
-  void EnterSmm(bool WithService) {
-    Sim.InstallSmmBase2(TRUE);
-    if (WithService) {
-      Sim.InstallSmmProtocol(gSmmFwBlockServiceProtocolGuid, EmuSmmFwBlockService());
-    }
-    ResetCriticalDataAuthVarForTest();
-    ASSERT_EQ(CriticalDataAuthVarLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-    ASSERT_NE(gSmst, nullptr);
-  }
-  bool Traced(const std::string &Line) const {
-    const auto Lines = Traces();
-    return std::find(Lines.begin(), Lines.end(), Line) != Lines.end();
-  }
 };
 
 TEST_F(CriticalDigest, RewritesOnlyTheDigestOnceThenWritesNothingEvenWithoutAService) {
@@ -100,7 +87,6 @@ TEST_F(CriticalDigest, GathersLiveCriticalRecordsOnly) {
     std::vector<VariableRecord> Records;
     std::set<std::u16string> Counted;
   } Rows[] = {
-      {"both", DefaultLiveVariables(), {u"AmdSetupPHX", u"AMD_PBS_SETUP"}},
       {"deleted", With([](VariableRecord &R) { R.State = 0x3C; }), {u"AMD_PBS_SETUP"}},
       {"in deleted transition", With([](VariableRecord &R) { R.State = 0x3E; }), {u"AmdSetupPHX", u"AMD_PBS_SETUP"}},
       {"other vendor", With([](VariableRecord &R) { R.Vendor = gPlatformVariableGuid; }), {u"AMD_PBS_SETUP"}},
@@ -131,7 +117,9 @@ TEST_F(CriticalDigest, BufferTooSmallWritesNothingAndTheWalkStopsAtTheStoreEnd) 
   LoadStore(DefaultLiveVariables());
   gConfig.VariableStoreSize = 0x800;  // AmdSetupPHX alone is larger
   EXPECT_EQ(Q42CriticalDataAuthVar(), EFI_BUFFER_TOO_SMALL);
-  EXPECT_TRUE(Traced("[Q42CriticalDataAuthVar]Q42CriticalDataCopyCriticalVar error"));
+  const auto Lines = Traces();
+  EXPECT_NE(std::find(Lines.begin(), Lines.end(), "[Q42CriticalDataAuthVar]Q42CriticalDataCopyCriticalVar error"),
+            Lines.end());
   EXPECT_EQ(Platform->CallCount, 0u);
 }
 
@@ -144,28 +132,26 @@ TEST_F(CriticalDigest, WritesThroughTheServiceOfItsPhaseOrFails) {
     bool Enabled;
     EFI_STATUS Status;
     std::vector<std::string> Calls;
-    std::string Trace;
   };
   // Where they land is seen in the block's bytes.
   const std::string kErase = "FlashDeviceErase", kWrite = "FlashDeviceWrite";
   const std::string kSmmErase = "SmmFwBlockEraseBlocks", kSmmWrite = "SmmFwBlockWrite";
   const Row Rows[] = {
-      {"boot services", false, true, 0, true, EFI_SUCCESS, {kErase, kWrite}, ""},
-      {"no flash device", false, false, 0, true, EFI_PROTOCOL_ERROR, {},
-       "[Q42CriticalDataAuthVar] mQ42OFCServicePtr fault"},
-      {"erase fails", false, true, 1, true, EFI_DEVICE_ERROR, {kErase},
-       "[Q42CriticalDataAuthVar] EraseBlocks fault"},
-      {"write fails", false, true, 2, true, EFI_DEVICE_ERROR, {kErase, kWrite},
-       "[Q42CriticalDataAuthVar] Write fault"},
-      {"switched off", false, true, 0, false, EFI_UNSUPPORTED, {}, ""},
-      {"SMM", true, true, 0, true, EFI_SUCCESS, {kSmmErase, kSmmWrite}, ""},
-      {"no SMM service", true, false, 0, true, EFI_PROTOCOL_ERROR, {},
-       "[Q42CriticalDataAuthVar] mSmmFwbService fault"},
+      {"boot services", false, true, 0, true, EFI_SUCCESS, {kErase, kWrite}},
+      {"no flash device", false, false, 0, true, EFI_PROTOCOL_ERROR, {}},
+      {"erase fails", false, true, 1, true, EFI_DEVICE_ERROR, {kErase}},
+      {"write fails", false, true, 2, true, EFI_DEVICE_ERROR, {kErase, kWrite}},
+      {"switched off", false, true, 0, false, EFI_UNSUPPORTED, {}},
+      {"SMM", true, true, 0, true, EFI_SUCCESS, {kSmmErase, kSmmWrite}},
+      {"no SMM service", true, false, 0, true, EFI_PROTOCOL_ERROR, {}},
   };
   const Bytes Erased(32, 0xFF);
   for (const Row &R : Rows) {
     if (R.Smm && gSmst == nullptr) {
-      EnterSmm(true);
+      Sim.InstallSmmBase2(TRUE);
+      Sim.InstallSmmProtocol(gSmmFwBlockServiceProtocolGuid, EmuSmmFwBlockService());
+      ResetCriticalDataAuthVarForTest();
+      ASSERT_EQ(CriticalDataAuthVarLibConstructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
     }
     mSmmFwbService = R.Smm && R.Service ? EmuSmmFwBlockService() : nullptr;
     mQ42OFCServicePtr = !R.Smm && R.Service ? Platform->FlashDevice : nullptr;
@@ -174,29 +160,14 @@ TEST_F(CriticalDigest, WritesThroughTheServiceOfItsPhaseOrFails) {
     Platform->Flash.ClearFaults();
     Platform->Flash.FailOperation(R.FailingOperation);
     Platform->ClearCalls();
-    Platform->ClearTraces();
     EXPECT_EQ(Q42CriticalDataAuthVar(), R.Status) << R.Name;
     EXPECT_EQ(CallNames(), R.Calls) << R.Name;
     EXPECT_EQ(Flash(kBlock + 32, 32) != Erased, R.Status == EFI_SUCCESS) << R.Name;
-    if (!R.Trace.empty()) {
-      EXPECT_TRUE(Traced(R.Trace)) << R.Name;
-    }
   }
   Platform->Flash.ClearFaults();
 }
 
-VOID *gSmmNotifyFunction = nullptr;
-std::vector<VOID *> gSmmNotifyCalls;
-EFI_STATUS EFIAPI RecordSmmNotify(const EFI_GUID *Protocol, VOID *Function, VOID **Registration) {
-  EXPECT_EQ(std::memcmp(Protocol, &gSmmFwBlockServiceProtocolGuid, 16), 0);
-  gSmmNotifyCalls.push_back(Function);
-  gSmmNotifyFunction = Function != nullptr ? Function : gSmmNotifyFunction;
-  *Registration = &gSmmNotifyFunction;
-  return EFI_SUCCESS;
-}
-
-// Without the flash device at start only a runtime driver image waits for it; in SMM a missing
-// firmware block service is waited for through an SMM notification, cancelled at unload.
+// Without the flash device at start only a runtime driver image waits for it.
 TEST_F(CriticalDigest, FindsItsServiceAtStartOrWhenInstalledLater) {
   EXPECT_EQ(mQ42OFCServicePtr, Platform->FlashDevice);
   EFI_GUID *Device = const_cast<EFI_GUID *>(&gPlatformFlashDeviceProtocolGuid);
@@ -216,18 +187,5 @@ TEST_F(CriticalDigest, FindsItsServiceAtStartOrWhenInstalledLater) {
   EXPECT_EQ(mQ42OFCServicePtr, Platform->FlashDevice);
   EXPECT_EQ(Sim.OpenEvents(), OpenEvents - 1) << "the callback closes its event";
   EXPECT_EQ(CriticalDataAuthVarLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-
-  gSmmNotifyFunction = nullptr;
-  gSmmNotifyCalls.clear();
-  Sim.Smst()->SmmRegisterProtocolNotify = RecordSmmNotify;
-  EnterSmm(false);
-  EXPECT_EQ(mSmmFwbService, nullptr);
-  ASSERT_NE(gSmmNotifyFunction, nullptr);
-  Sim.InstallSmmProtocol(gSmmFwBlockServiceProtocolGuid, EmuSmmFwBlockService());
-  reinterpret_cast<EFI_STATUS(EFIAPI *)(const EFI_GUID *, VOID *, EFI_HANDLE)>(gSmmNotifyFunction)(
-      &gSmmFwBlockServiceProtocolGuid, EmuSmmFwBlockService(), nullptr);
-  EXPECT_EQ(mSmmFwbService, EmuSmmFwBlockService());
-  EXPECT_EQ(CriticalDataAuthVarLibDestructor(Sim.ImageHandle(), Sim.SystemTable()), EFI_SUCCESS);
-  EXPECT_EQ(gSmmNotifyCalls, (std::vector<VOID *>{gSmmNotifyFunction, nullptr}));
 }
 }  // namespace
